@@ -1,0 +1,59 @@
+// Process frame: command line, run modes, worker supervision and the log.
+#pragma once
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#define WIFIM_VERSION "1.0.4"
+
+// Log levels. Any value other than 0..3 is written with the "FOCUS," prefix.
+enum LogLevel {
+    LOG_None = -1,  // console only, and only in foreground mode
+    LOG_Debug = 0,
+    LOG_Info = 1,
+    LOG_Warn = 2,
+    LOG_Error = 3,
+    LOG_FocusWrite = 999,
+};
+
+// Log file limits: a file that reaches the limit is cut down to its tail.
+#define WIFIM_LOG_LINE_SIZE 1024
+#define WIFIM_LOG_MAX_SIZE 102400
+#define WIFIM_LOG_KEEP_SIZE 92160
+#define WIFIM_LOG_LOCK_ATTEMPTS 10
+#define WIFIM_LOG_LOCK_RETRY_US 10000
+
+// Process-wide state shared by the supervisor, the worker and the log.
+extern bool g_foreground_flag;
+extern volatile pid_t g_child_pid;
+extern volatile bool g_program_exist;
+extern int g_ping_pipe_fd[2];
+
+// Writes one line "<date> <time>,<LEVEL>,<message>" to the log file (and to
+// the console in foreground mode). Never fails visibly: a line that cannot be
+// written is lost.
+void wifim_insert_log(LogLevel msg_level, const char* str, ...)
+    __attribute__((format(printf, 2, 3)));
+// The file half of the log: appends msg, first shrinking a file that has
+// reached file_max_size bytes to its last WIFIM_LOG_KEEP_SIZE bytes.
+void wifim_append_str_to_file(const char* filename, const char* msg, long file_max_size);
+
+// Every message starts with the thread id, the source file's name, the
+// function and the line, so that log readers can find where it came from.
+#define WIFIM_LOG_AT(level, source, fmt, ...)                                        \
+    wifim_insert_log(level, "tid:%lu," source "-%s[%d], " fmt,                       \
+                     static_cast<unsigned long>(pthread_self()), __func__, __LINE__, \
+                     ##__VA_ARGS__)
+#define WIFIM_LOG(level, fmt, ...) WIFIM_LOG_AT(level, "wifi_manager.cpp", fmt, ##__VA_ARGS__)
+
+// lstat-based existence checks: a symbolic link counts as a file whatever it
+// points to; a directory is not a file.
+bool wifim_file_exist(const char* path);
+bool wifim_folder_exist(const char* path);
+
+void wifim_display_help(const char* program_name);
+
+// Supervisor loop; returns only in a freshly forked worker (g_child_pid 0).
+void wifim_monitor_child_process();
+void wifim_signal_term(int sig);
+void wifim_signal_illegal(int sig);
