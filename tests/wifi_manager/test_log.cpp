@@ -1,10 +1,202 @@
+// The log: line layout, limits, console echo and the shrink rule.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+#include <thread>
 
 #include "test_support.h"
 #include "wifi_manager/wifi_manager.h"
 
-TEST(Log, PlaceholderWritesLine) {
-    wifim_insert_log(LOG_Info, "hello");
-    EXPECT_NE(wifim_test::read_file("/tmp/wifi_manager.log").find(",INFO ,hello\n"),
-              std::string::npos);
+using wifim_test::read_file;
+using wifim_test::write_file;
+
+static const char* kLog = "/tmp/wifi_manager.log";
+
+class Log : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        unlink(kLog);
+        g_foreground_flag = false;
+    }
+    void TearDown() override { g_foreground_flag = false; }
+};
+
+// Captures what the process writes to standard output while fn runs.
+static std::string capture_stdout(const std::function<void()>& fn) {
+    fflush(stdout);
+    int saved = dup(1);
+    char path[] = "/tmp/stdout.XXXXXX";
+    int fd = mkstemp(path);
+    dup2(fd, 1);
+    fn();
+    fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    close(fd);
+    std::string text = read_file(path);
+    unlink(path);
+    return text;
+}
+
+TEST_F(Log, LineHasDateTimeLevelAndMessage) {
+    wifim_insert_log(LOG_Info, "hello %d", 42);
+    std::string text = read_file(kLog);
+    EXPECT_TRUE(
+        std::regex_match(text, std::regex(R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d,INFO ,hello 42\n)")))
+        << text;
+}
+
+TEST_F(Log, EveryLevelHasItsFiveCharacterName) {
+    wifim_insert_log(LOG_Debug, "d");
+    wifim_insert_log(LOG_Info, "i");
+    wifim_insert_log(LOG_Warn, "w");
+    wifim_insert_log(LOG_Error, "e");
+    wifim_insert_log(LOG_FocusWrite, "f");
+    auto lines = wifim_test::split_lines(read_file(kLog));
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_EQ(lines[0].substr(19), ",DEBUG,d");
+    EXPECT_EQ(lines[1].substr(19), ",INFO ,i");
+    EXPECT_EQ(lines[2].substr(19), ",WARN ,w");
+    EXPECT_EQ(lines[3].substr(19), ",ERROR,e");
+    EXPECT_EQ(lines[4].substr(19), ",FOCUS,f");
+}
+
+TEST_F(Log, UnknownLevelValuesPrintFocus) {
+    wifim_insert_log(static_cast<LogLevel>(999), "a");
+    wifim_insert_log(static_cast<LogLevel>(4), "b");
+    wifim_insert_log(static_cast<LogLevel>(12345), "c");
+    auto lines = wifim_test::split_lines(read_file(kLog));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].substr(19), ",FOCUS,a");
+    EXPECT_EQ(lines[1].substr(19), ",FOCUS,b");
+    EXPECT_EQ(lines[2].substr(19), ",FOCUS,c");
+}
+
+TEST_F(Log, LongMessageIsCutTo1022CharactersAndGetsALineFeed) {
+    std::string message(1100, 'x');
+    wifim_insert_log(LOG_Info, "%s", message.c_str());
+    std::string text = read_file(kLog);
+    ASSERT_EQ(text.size(), 1023u);
+    EXPECT_EQ(text.back(), '\n');
+    EXPECT_EQ(text.find('\n'), 1022u);
+    EXPECT_EQ(text.substr(19, 7), ",INFO ,");
+    EXPECT_EQ(text.substr(26, 996), std::string(996, 'x'));
+}
+
+TEST_F(Log, MessageEndingInLineFeedGetsNoSecondOneInTheFile) {
+    g_foreground_flag = true;
+    std::string console = capture_stdout([] { wifim_insert_log(LOG_Warn, "ends here\n"); });
+    std::string text = read_file(kLog);
+    ASSERT_EQ(wifim_test::split_lines(text).size(), 1u);
+    EXPECT_EQ(text.substr(19), ",WARN ,ends here\n");
+    // puts adds its own line end on the console.
+    EXPECT_EQ(console.substr(19), ",WARN ,ends here\n\n");
+}
+
+TEST_F(Log, ForegroundEchoesEveryLineToTheConsole) {
+    g_foreground_flag = true;
+    std::string console = capture_stdout([] { wifim_insert_log(LOG_Error, "boom"); });
+    EXPECT_EQ(console.substr(19), ",ERROR,boom\n");
+    EXPECT_EQ(read_file(kLog).substr(19), ",ERROR,boom\n");
+}
+
+TEST_F(Log, BackgroundModeDoesNotEchoToTheConsole) {
+    std::string console = capture_stdout([] { wifim_insert_log(LOG_Error, "quiet"); });
+    EXPECT_EQ(console, "");
+    EXPECT_EQ(read_file(kLog).substr(19), ",ERROR,quiet\n");
+}
+
+TEST_F(Log, LogNoneNeverReachesTheFile) {
+    std::string console = capture_stdout([] { wifim_insert_log(LOG_None, "bg %s", "none"); });
+    EXPECT_EQ(console, "");
+    EXPECT_FALSE(wifim_test::file_exists(kLog));
+
+    g_foreground_flag = true;
+    console = capture_stdout([] { wifim_insert_log(LOG_None, "fg %s", "none"); });
+    EXPECT_EQ(console.substr(19), ",FOCUS,fg none\n");
+    EXPECT_FALSE(wifim_test::file_exists(kLog));
+}
+
+TEST_F(Log, NullFormatWritesAnEmptyLine) {
+    wifim_insert_log(LOG_Info, nullptr);
+    EXPECT_EQ(read_file(kLog), "\n");
+}
+
+TEST_F(Log, MessageConventionNamesThreadSourceFunctionAndLine) {
+    WIFIM_LOG(LOG_FocusWrite, "Program close");
+    std::string line = read_file(kLog);
+    std::string expected_tid = std::to_string(static_cast<unsigned long>(pthread_self()));
+    EXPECT_TRUE(
+        std::regex_match(line, std::regex(R"(.{19},FOCUS,tid:)" + expected_tid +
+                                          R"(,wifi_manager.cpp-TestBody\[\d+\], Program close\n)")))
+        << line;
+}
+
+TEST_F(Log, FileOfExactly102400BytesIsShrunkBeforeTheNextLine) {
+    ASSERT_TRUE(write_file(kLog, std::string(102400, 'a')));
+    wifim_append_str_to_file(kLog, "next", 102400);
+    // The tail starts with an ordinary byte, so only that byte survives.
+    EXPECT_EQ(read_file(kLog), "anext\n");
+}
+
+TEST_F(Log, FileOf102399BytesIsNotShrunk) {
+    ASSERT_TRUE(write_file(kLog, std::string(102399, 'a')));
+    wifim_append_str_to_file(kLog, "next", 102400);
+    std::string text = read_file(kLog);
+    EXPECT_EQ(text.size(), 102399u + 5u);
+    EXPECT_EQ(text.substr(102399), "next\n");
+}
+
+TEST_F(Log, ShrinkKeepsTheTailAfterALeadingCarriageReturnAndLineFeed) {
+    std::string content(102400 - 92160, 'a');
+    std::string tail = "\r\n" + std::string(92158 - 5, 'b') + "tail\n";
+    ASSERT_EQ(tail.size(), 92160u);
+    ASSERT_TRUE(write_file(kLog, content + tail));
+    wifim_append_str_to_file(kLog, "next", 102400);
+    EXPECT_EQ(read_file(kLog), tail.substr(2) + "next\n");
+}
+
+TEST_F(Log, ShrinkSkipsALoneCarriageReturn) {
+    std::string tail = "\r" + std::string(92159, 'c');
+    ASSERT_TRUE(write_file(kLog, std::string(102400 - 92160, 'a') + tail));
+    wifim_append_str_to_file(kLog, "next", 102400);
+    EXPECT_EQ(read_file(kLog), tail.substr(1) + "next\n");
+}
+
+TEST_F(Log, LineIsDroppedWhenTheLockCannotBeHad) {
+    ASSERT_TRUE(write_file(kLog, "held\n"));
+    int fd = open(kLog, O_RDONLY);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    long start = wifim_test::now_ms();
+    wifim_insert_log(LOG_Info, "lost");
+    long waited = wifim_test::now_ms() - start;
+    close(fd);
+    EXPECT_EQ(read_file(kLog), "held\n");
+    EXPECT_GE(waited, 90);  // ten attempts, 10 ms apart
+}
+
+TEST_F(Log, ConcurrentWritersNeverSplitALine) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < 50; i++) {
+                wifim_insert_log(LOG_Info, "writer %d line %d %s", t, i,
+                                 std::string(100, 'z').c_str());
+            }
+        });
+    }
+    for (auto& th : threads) {
+        th.join();
+    }
+    auto lines = wifim_test::split_lines(read_file(kLog));
+    // Lines may be lost under contention, never split or merged.
+    EXPECT_GT(lines.size(), 0u);
+    std::regex shape(R"(.{19},INFO ,writer \d line \d+ z{100})");
+    for (const auto& line : lines) {
+        EXPECT_TRUE(std::regex_match(line, shape)) << line;
+    }
 }

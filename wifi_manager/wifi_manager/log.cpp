@@ -1,11 +1,15 @@
 // The log: one line per call, shared by the supervisor, the worker and all of
 // the worker's threads, serialised only by an exclusive lock on the file.
 #include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -30,9 +34,9 @@ static const char* wifim_log_prefix_format(LogLevel level) {
 
 // A writer that cannot get the lock within about 100 ms gives up: losing a
 // line is better than stalling a request thread or the supervisor.
-static bool wifim_lock_log_file(FILE* fp) {
+static bool wifim_lock_log_file(int fd) {
     for (int attempt = 1; attempt <= WIFIM_LOG_LOCK_ATTEMPTS; attempt++) {
-        if (flock(fileno(fp), LOCK_EX | LOCK_NB) == 0) {
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
             return true;
         }
         usleep(WIFIM_LOG_LOCK_RETRY_US);
@@ -48,18 +52,11 @@ static void wifim_choose_kept_tail(const char* tail, long n, long* keep_from, lo
         *keep_size = 0;
         return;
     }
-    if (n == 1) {
+    if (n == 1 || tail[0] != '\r') {
         *keep_size = 1;
         return;
     }
-    if (tail[0] != '\r') {
-        *keep_size = 1;
-        return;
-    }
-    long skip = 1;
-    if (tail[1] == '\n') {
-        skip = 2;
-    }
+    long skip = (tail[1] == '\n') ? 2 : 1;
     if (skip >= n - 1) {
         skip = 0;
     }
@@ -67,47 +64,74 @@ static void wifim_choose_kept_tail(const char* tail, long n, long* keep_from, lo
     *keep_size = n - skip;
 }
 
+static void wifim_write_all(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        ssize_t n = write(fd, data, size);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            return;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+}
+
+static long wifim_read_all(int fd, char* data, size_t size) {
+    size_t total = 0;
+    while (total < size) {
+        ssize_t n = read(fd, data + total, size - total);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        total += static_cast<size_t>(n);
+    }
+    return static_cast<long>(total);
+}
+
 // Cuts a full log down to its tail. Returns false when the lock could not be
-// had, in which case the caller's line is dropped.
+// had, in which case the caller's line is dropped. The log is also written
+// from signal handlers, so it uses plain system calls and no heap.
 static bool wifim_shrink_log_file(const char* filename) {
-    char* tail = static_cast<char*>(malloc(WIFIM_LOG_KEEP_SIZE));
-    if (tail == nullptr) {
+    void* mem = mmap(nullptr, WIFIM_LOG_KEEP_SIZE, PROT_READ | PROT_WRITE,
+                     MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mem == MAP_FAILED) {
         return true;
     }
-    FILE* fp = fopen(filename, "r");
-    if (fp == nullptr) {
-        free(tail);
+    char* tail = static_cast<char*>(mem);
+    int fd = open(filename, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        munmap(mem, WIFIM_LOG_KEEP_SIZE);
         return true;
     }
-    if (!wifim_lock_log_file(fp)) {
-        fclose(fp);
-        free(tail);
+    if (!wifim_lock_log_file(fd)) {
+        close(fd);
+        munmap(mem, WIFIM_LOG_KEEP_SIZE);
         return false;
     }
-    fseek(fp, -WIFIM_LOG_KEEP_SIZE, SEEK_END);
-    long n = static_cast<long>(fread(tail, 1, WIFIM_LOG_KEEP_SIZE, fp));
-    fclose(fp);
+    lseek(fd, -WIFIM_LOG_KEEP_SIZE, SEEK_END);
+    long n = wifim_read_all(fd, tail, WIFIM_LOG_KEEP_SIZE);
+    close(fd);
 
     long keep_from = 0;
     long keep_size = 0;
     wifim_choose_kept_tail(tail, n, &keep_from, &keep_size);
 
-    fp = fopen(filename, "w");
-    if (fp == nullptr) {
-        free(tail);
-        return true;
+    bool keep_line = true;
+    fd = open(filename, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd >= 0) {
+        keep_line = wifim_lock_log_file(fd);
+        if (keep_line && keep_size > 0) {
+            wifim_write_all(fd, tail + keep_from, static_cast<size_t>(keep_size));
+        }
+        close(fd);
     }
-    if (!wifim_lock_log_file(fp)) {
-        fclose(fp);
-        free(tail);
-        return false;
-    }
-    if (keep_size > 0) {
-        fwrite(tail + keep_from, 1, static_cast<size_t>(keep_size), fp);
-    }
-    fclose(fp);
-    free(tail);
-    return true;
+    munmap(mem, WIFIM_LOG_KEEP_SIZE);
+    return keep_line;
 }
 
 void wifim_append_str_to_file(const char* filename, const char* msg, long file_max_size) {
@@ -117,27 +141,40 @@ void wifim_append_str_to_file(const char* filename, const char* msg, long file_m
             return;
         }
     }
-    FILE* fp = fopen(filename, "a+");
-    if (fp == nullptr) {
+    int fd = open(filename, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    if (fd < 0) {
         return;
     }
-    if (!wifim_lock_log_file(fp)) {
-        fclose(fp);
+    if (!wifim_lock_log_file(fd)) {
+        close(fd);
         return;
     }
-    fseek(fp, 0, SEEK_END);
-    fputs(msg, fp);
     size_t len = strlen(msg);
+    wifim_write_all(fd, msg, len);
     if (len == 0 || msg[len - 1] != '\n') {
-        fputc('\n', fp);
+        wifim_write_all(fd, "\n", 1);
     }
-    fclose(fp);
+    close(fd);
+}
+
+// The signals whose handlers log. They are held back while this thread
+// writes a line, so that a handler never re-enters the log (or the time
+// conversion it uses) on the thread it interrupted.
+static void wifim_block_logging_signals(sigset_t* saved) {
+    sigset_t block;
+    sigemptyset(&block);
+    sigaddset(&block, SIGTERM);
+    sigaddset(&block, SIGINT);
+    sigaddset(&block, SIGILL);
+    pthread_sigmask(SIG_BLOCK, &block, saved);
 }
 
 void wifim_insert_log(LogLevel msg_level, const char* str, ...) {
     if (msg_level < 0 && !g_foreground_flag) {
         return;
     }
+    sigset_t saved_mask;
+    wifim_block_logging_signals(&saved_mask);
     char line[WIFIM_LOG_LINE_SIZE];
     memset(line, 0, sizeof(line));
     if (str == nullptr) {
@@ -156,8 +193,8 @@ void wifim_insert_log(LogLevel msg_level, const char* str, ...) {
             puts(line);
         }
     }
-    if (msg_level < 0) {
-        return;
+    if (msg_level >= 0) {
+        wifim_append_str_to_file(WIFIM_LOG_FILE, line, WIFIM_LOG_MAX_SIZE);
     }
-    wifim_append_str_to_file(WIFIM_LOG_FILE, line, WIFIM_LOG_MAX_SIZE);
+    pthread_sigmask(SIG_SETMASK, &saved_mask, nullptr);
 }

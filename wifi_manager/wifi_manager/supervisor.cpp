@@ -1,1 +1,112 @@
+// The supervisor: watches the worker's pings and restarts a worker that has
+// fallen silent, together with the station, through the station scripts.
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/select.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "../fixed_paths.h"
 #include "wifi_manager.h"
+
+#define WIFIM_FIRST_PING_ALLOWANCE_S 30
+#define WIFIM_PING_MIN_S 10
+#define WIFIM_PING_MAX_S 150
+#define WIFIM_KILL_WAIT_S 2
+#define WIFIM_AFTER_STOP_SCRIPT_S 10
+#define WIFIM_AFTER_START_SCRIPT_S 5
+
+// Seconds the worker asks for until its next ping, kept within what a healthy
+// worker can need.
+int wifim_clamp_ping(int seconds) {
+    if (seconds < WIFIM_PING_MIN_S) {
+        return WIFIM_PING_MIN_S;
+    }
+    if (seconds > WIFIM_PING_MAX_S) {
+        return WIFIM_PING_MAX_S;
+    }
+    return seconds;
+}
+
+// Waits one second for a ping. Returns the new allowance, or the old one
+// when nothing arrived.
+static int wifim_wait_for_ping(int l_timeout, unsigned* l_wait_count) {
+    fd_set l_fds;
+    FD_ZERO(&l_fds);
+    FD_SET(g_ping_pipe_fd[0], &l_fds);
+    struct timeval wait = {1, 0};
+    if (select(g_ping_pipe_fd[0] + 1, &l_fds, nullptr, nullptr, &wait) <= 0 ||
+        !FD_ISSET(g_ping_pipe_fd[0], &l_fds)) {
+        return l_timeout;
+    }
+    *l_wait_count = 0;
+    int l_receive_data = 0;
+    if (read(g_ping_pipe_fd[0], &l_receive_data, sizeof(l_receive_data)) > 0) {
+        return wifim_clamp_ping(l_receive_data);
+    }
+    return WIFIM_FIRST_PING_ALLOWANCE_S;
+}
+
+// Counts down the worker's allowance; returns false when the daemon is to end.
+static bool wifim_watch_until_overdue(unsigned* l_wait_count) {
+    int l_timeout = WIFIM_FIRST_PING_ALLOWANCE_S;
+    do {
+        l_timeout = wifim_wait_for_ping(l_timeout, l_wait_count);
+        if (g_program_exist) {
+            return false;
+        }
+        // Every round counts, also the one in which a ping arrived.
+        l_timeout--;
+    } while (l_timeout > 0);
+    return true;
+}
+
+static void wifim_kill_child() {
+    kill(g_child_pid, SIGTERM);
+    sleep(WIFIM_KILL_WAIT_S);
+    kill(g_child_pid, SIGKILL);
+    sleep(WIFIM_KILL_WAIT_S);
+    kill(g_child_pid, SIGKILL);
+    wait(nullptr);
+}
+
+static void wifim_restart_station() {
+    close(g_ping_pipe_fd[0]);
+    close(g_ping_pipe_fd[1]);
+    int ignored = system(WIFIM_STATION_STOP_COMMAND);
+    sleep(WIFIM_AFTER_STOP_SCRIPT_S);
+    ignored = system(WIFIM_STATION_START_COMMAND);
+    (void)ignored;
+    sleep(WIFIM_AFTER_START_SCRIPT_S);
+}
+
+void wifim_monitor_child_process() {
+    unsigned l_wait_count = 0;
+    while (!g_program_exist && g_child_pid > 0) {
+        if (!wifim_watch_until_overdue(&l_wait_count)) {
+            break;
+        }
+        l_wait_count++;
+        WIFIM_LOG(LOG_Info,
+                  "Can't receive child ping message, wait count:%u, terminating child process",
+                  l_wait_count);
+        wifim_kill_child();
+        if (g_program_exist) {
+            break;
+        }
+        WIFIM_LOG(LOG_FocusWrite, "Restart child process");
+        wifim_restart_station();
+        if (pipe(g_ping_pipe_fd) != 0) {
+            WIFIM_LOG(LOG_FocusWrite, "Can't create pipe, program terminate");
+            exit(1);
+        }
+        g_child_pid = fork();
+        if (g_child_pid < 0) {
+            WIFIM_LOG(LOG_FocusWrite, "Can't fork process!!");
+            exit(1);
+        }
+    }
+    if (g_child_pid > 0) {
+        exit(0);
+    }
+}

@@ -40,11 +40,15 @@ void wifim_append_str_to_file(const char* filename, const char* msg, long file_m
 
 // Every message starts with the thread id, the source file's name, the
 // function and the line, so that log readers can find where it came from.
-#define WIFIM_LOG_AT(level, source, fmt, ...)                                        \
+#define WIFIM_LOG_AT(level, source, function, fmt, ...)                              \
     wifim_insert_log(level, "tid:%lu," source "-%s[%d], " fmt,                       \
-                     static_cast<unsigned long>(pthread_self()), __func__, __LINE__, \
+                     static_cast<unsigned long>(pthread_self()), function, __LINE__, \
                      ##__VA_ARGS__)
-#define WIFIM_LOG(level, fmt, ...) WIFIM_LOG_AT(level, "wifi_manager.cpp", fmt, ##__VA_ARGS__)
+#define WIFIM_LOG(level, fmt, ...) \
+    WIFIM_LOG_AT(level, "wifi_manager.cpp", __func__, fmt, ##__VA_ARGS__)
+// Start-up and shut-down lines of the daemon are reported as coming from main.
+#define WIFIM_MAIN_LOG(level, fmt, ...) \
+    WIFIM_LOG_AT(level, "wifi_manager.cpp", "main", fmt, ##__VA_ARGS__)
 
 // lstat-based existence checks: a symbolic link counts as a file whatever it
 // points to; a directory is not a file.
@@ -53,6 +57,24 @@ bool wifim_folder_exist(const char* path);
 
 void wifim_display_help(const char* program_name);
 
+// Options of the command line.
+struct wifim_options {
+    const char* wpa_supplicant_config_file;
+    const char* wifi_interface;
+    int max_bound_wifiap_info;
+    int request_timeout;  // seconds, client mode
+    const char* request_command;
+};
+// Client mode: one request to the running daemon; prints the outcome lines.
+int wifim_run_client(const char* request_command, int request_timeout);
+// The worker: starts the controller, the request services and the request
+// server, serves until told to stop, then shuts down in order and exits.
+void wifim_run_worker(const wifim_options* options);
+// Installs the terminate and illegal-signal handlers.
+void wifim_install_signal_handlers();
+
+// The allowance a ping grants, clamped to 10..150 seconds.
+int wifim_clamp_ping(int seconds);
 // Supervisor loop; returns only in a freshly forked worker (g_child_pid 0).
 void wifim_monitor_child_process();
 void wifim_signal_term(int sig);

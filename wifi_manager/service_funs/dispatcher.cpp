@@ -1,0 +1,61 @@
+// The dispatcher: one request in, one XML answer out, one log line.
+#include <stdint.h>
+#include <string.h>
+#include <sys/time.h>
+
+#include "service_funs.h"
+#include "socket_communication/socket_communication.h"
+#include "wifi_manager/wifi_manager.h"
+
+std::map<std::string, service_function> g_service_function_map;
+
+void service_init() {
+    // The handlers register here as they are added, in the order of the
+    // device's request vocabulary; a repeated name keeps its first entry.
+}
+
+long long service_elapsed_ms(long start_sec, long start_usec, long end_sec, long end_usec) {
+    int32_t start_ms = static_cast<int32_t>(static_cast<uint32_t>(start_sec) * 1000u +
+                                            static_cast<uint32_t>(start_usec / 1000));
+    int32_t end_ms = static_cast<int32_t>(static_cast<uint32_t>(end_sec) * 1000u +
+                                          static_cast<uint32_t>(end_usec / 1000));
+    return static_cast<long long>(end_ms) - static_cast<long long>(start_ms);
+}
+
+static std::string service_dispatch(CSimpleIniA& request, const std::string& function_name,
+                                    void* monitor_data) {
+    std::stringstream l_response_stream;
+    auto handler = g_service_function_map.find(function_name);
+    if (handler != g_service_function_map.end()) {
+        handler->second(request, l_response_stream, monitor_data);
+    }
+    std::string answer = l_response_stream.str();
+    if (answer.empty()) {
+        answer = SERVICE_UNKNOWN_FUNCTION_ANSWER;
+    }
+    return answer;
+}
+
+void service_call_back_function(int socket, char* data, int data_size, void* monitor_data) {
+    if (data == nullptr || data_size == 0) {
+        return;
+    }
+    struct timeval start;
+    gettimeofday(&start, nullptr);
+
+    CSimpleIniA request(true, false, true);
+    request.LoadData(data, static_cast<size_t>(data_size));
+    std::string function_name = request.GetValue("", "function", "");
+
+    std::string answer = service_dispatch(request, function_name, monitor_data);
+    commsvr_send_response(socket, answer.c_str(), static_cast<int>(answer.size()));
+
+    struct timeval end;
+    gettimeofday(&end, nullptr);
+    long long elapsed = service_elapsed_ms(start.tv_sec, start.tv_usec, end.tv_sec, end.tv_usec);
+    // The request is logged up to its first NUL, and never past what was received.
+    std::string request_text(data, strnlen(data, static_cast<size_t>(data_size)));
+    SERVICE_LOG(LOG_Info,
+                "service: function name %s , use time: %lld ms, require comment: %s, response: %s",
+                function_name.c_str(), elapsed, request_text.c_str(), answer.c_str());
+}
