@@ -1,1 +1,330 @@
-#include "socket_communication.h"
+// The request server: a listening thread hands each connection to one of a
+// fixed pool of detached service threads; one framed request per connection.
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/times.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "comm_internal.h"
+
+#define COMM_SOCKET_MODE 0666
+
+static clock_t comm_now_ticks() {
+    struct tms ignored;
+    return times(&ignored);
+}
+
+static void comm_wait_one_second(communication_server_data* server) {
+    struct timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += 1;
+    pthread_cond_timedwait(&server->thread_data_condition, &server->thread_data_mutex, &deadline);
+}
+
+static void comm_free_server(communication_server_data* server) {
+    pthread_mutex_destroy(&server->thread_data_mutex);
+    pthread_cond_destroy(&server->thread_data_condition);
+    free(server->thread_data_array);
+    free(server);
+}
+
+// Gives up one hold on the server; the last holder frees it.
+static void comm_release_server(communication_server_data* server) {
+    pthread_mutex_lock(&server->thread_data_mutex);
+    bool last = --server->holders == 0;
+    pthread_mutex_unlock(&server->thread_data_mutex);
+    if (last) {
+        comm_free_server(server);
+    }
+}
+
+static void comm_unlink_in_use(communication_server_data* server, service_thread_data* slot) {
+    service_thread_data** link = &server->in_used_list;
+    while (*link != nullptr) {
+        if (*link == slot) {
+            *link = slot->next_data;
+            return;
+        }
+        link = &(*link)->next_data;
+    }
+}
+
+// Slots whose thread is alive go before slots that would need a new thread,
+// so live threads are reused first. The last slot of the list is never
+// examined: a slot that found no place before it goes to the end.
+static void comm_insert_unused(communication_server_data* server, service_thread_data* slot) {
+    slot->next_data = nullptr;
+    service_thread_data* head = server->unuse_list;
+    if (head == nullptr) {
+        server->unuse_list = slot;
+        return;
+    }
+    service_thread_data* prev = nullptr;
+    service_thread_data* cur = head;
+    while (cur->next_data != nullptr) {
+        if (cur->thread_id == 0 && slot->thread_id != 0) {
+            slot->next_data = cur;
+            if (prev == nullptr) {
+                server->unuse_list = slot;
+            } else {
+                prev->next_data = slot;
+            }
+            return;
+        }
+        prev = cur;
+        cur = cur->next_data;
+    }
+    cur->next_data = slot;
+}
+
+void commsvr_return_thread_data_to_unused_list(communication_server_data* commsvr_data,
+                                               service_thread_data* thread_data, bool lock_mutex) {
+    if (lock_mutex) {
+        pthread_mutex_lock(&commsvr_data->thread_data_mutex);
+    }
+    thread_data->request_start_clock = 0;
+    thread_data->socket = 0;
+    comm_unlink_in_use(commsvr_data, thread_data);
+    bool listed = false;
+    for (service_thread_data* s = commsvr_data->unuse_list; s != nullptr; s = s->next_data) {
+        listed = listed || s->index == thread_data->index;
+    }
+    if (!listed) {
+        comm_insert_unused(commsvr_data, thread_data);
+    }
+    if (lock_mutex) {
+        pthread_cond_broadcast(&commsvr_data->thread_data_condition);
+        pthread_mutex_unlock(&commsvr_data->thread_data_mutex);
+    }
+}
+
+// Serves one connection. The frame reader closes a connection whose frame
+// is bad; a good one is closed here, once, so that a descriptor number that
+// another thread may already have been given is never closed twice.
+static void comm_serve_connection(communication_server_data* server, int socket) {
+    char buffer[COMM_REQUEST_BUFFER_SIZE];
+    memset(buffer, 0, sizeof(buffer));
+    int size = commsvr_receive_transfer_data(socket, COMM_REQUEST_TIMEOUT_MS, buffer,
+                                             COMM_REQUEST_BUFFER_SIZE);
+    if (size <= 0) {
+        return;
+    }
+    if (!server->stop_service) {
+        server->service_callback_fun(socket, buffer, size, server->attach_data);
+    }
+    close(socket);
+}
+
+static void* commsvr_service_thread(void* arg) {
+    service_thread_data* slot = static_cast<service_thread_data*>(arg);
+    communication_server_data* server = slot->comsvr_data;
+    pthread_mutex_lock(&server->thread_data_mutex);
+    slot->thread_id = pthread_self();
+    bool stopping = false;
+    while (slot->request_count <= COMM_MAX_REQUESTS_PER_THREAD && !stopping) {
+        while (slot->socket == 0 && !server->stop_service) {
+            comm_wait_one_second(server);
+        }
+        if (slot->socket == 0) {
+            break;  // stopping with nothing to serve
+        }
+        int socket = slot->socket;
+        pthread_mutex_unlock(&server->thread_data_mutex);
+        comm_serve_connection(server, socket);
+        pthread_mutex_lock(&server->thread_data_mutex);
+        commsvr_return_thread_data_to_unused_list(server, slot, false);
+        pthread_cond_broadcast(&server->thread_data_condition);
+        stopping = server->stop_service;
+    }
+    if (!stopping && slot->request_count > COMM_MAX_REQUESTS_PER_THREAD) {
+        // Retire; the listener starts a fresh thread for this slot.
+        slot->request_count = 0;
+        slot->request_start_clock = 0;
+        slot->thread_id = 0;
+        slot->socket = 0;
+        commsvr_return_thread_data_to_unused_list(server, slot, false);
+        pthread_cond_broadcast(&server->thread_data_condition);
+    }
+    pthread_mutex_unlock(&server->thread_data_mutex);
+    comm_release_server(server);
+    return nullptr;
+}
+
+static bool comm_start_service_thread(communication_server_data* server,
+                                      service_thread_data* slot) {
+    slot->request_count = 0;
+    slot->socket = 0;
+    slot->request_start_clock = 0;
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    server->holders++;
+    pthread_t thread;
+    bool started = pthread_create(&thread, &attr, commsvr_service_thread, slot) == 0;
+    pthread_attr_destroy(&attr);
+    if (started) {
+        slot->thread_id = thread;
+    } else {
+        server->holders--;
+    }
+    return started;
+}
+
+// Takes a free slot for the next connection, waiting while all are busy
+// (further clients wait in the kernel's queue meanwhile). Null on stop.
+static service_thread_data* comm_take_free_slot(communication_server_data* server) {
+    pthread_mutex_lock(&server->thread_data_mutex);
+    while (server->unuse_list == nullptr && !server->stop_service) {
+        comm_wait_one_second(server);
+    }
+    service_thread_data* slot = server->unuse_list;
+    if (server->stop_service || slot == nullptr) {
+        pthread_mutex_unlock(&server->thread_data_mutex);
+        return nullptr;
+    }
+    server->unuse_list = slot->next_data;
+    slot->next_data = server->in_used_list;
+    server->in_used_list = slot;
+    if (slot->thread_id == 0) {
+        comm_start_service_thread(server, slot);
+    }
+    pthread_mutex_unlock(&server->thread_data_mutex);
+    return slot;
+}
+
+static bool comm_wait_for_client(communication_server_data* server) {
+    while (!server->stop_service) {
+        fd_set fds;
+        FD_ZERO(&fds);
+        FD_SET(server->socket_fp, &fds);
+        struct timeval round = {1, 0};
+        if (select(server->socket_fp + 1, &fds, nullptr, nullptr, &round) > 0) {
+            return !server->stop_service;
+        }
+    }
+    return false;
+}
+
+static void* commsvr_listen_thread(void* arg) {
+    communication_server_data* server = static_cast<communication_server_data*>(arg);
+    while (!server->stop_service) {
+        service_thread_data* slot = comm_take_free_slot(server);
+        if (slot == nullptr || !comm_wait_for_client(server)) {
+            break;
+        }
+        int client = accept(server->socket_fp, nullptr, nullptr);
+        if (client < 0) {
+            commsvr_return_thread_data_to_unused_list(server, slot, true);
+            continue;
+        }
+        pthread_mutex_lock(&server->thread_data_mutex);
+        slot->socket = client;
+        slot->request_start_clock = comm_now_ticks();
+        slot->request_count = slot->request_count + 1;
+        pthread_cond_broadcast(&server->thread_data_condition);
+        pthread_mutex_unlock(&server->thread_data_mutex);
+    }
+    return nullptr;
+}
+
+static int comm_open_listener(const char* socket_file) {
+    unlink(socket_file);
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof(addr));
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, socket_file, sizeof(addr.sun_path) - 1);
+    if (bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0 ||
+        listen(fd, 0) != 0) {
+        close(fd);
+        unlink(socket_file);
+        return -1;
+    }
+    // Web pages and scripts of any user may ask.
+    chmod(socket_file, COMM_SOCKET_MODE);
+    return fd;
+}
+
+static communication_server_data* comm_new_server(const char* socket_file, int max_threads) {
+    communication_server_data* server =
+        static_cast<communication_server_data*>(calloc(1, sizeof(communication_server_data)));
+    if (server == nullptr) {
+        return nullptr;
+    }
+    server->thread_data_array = static_cast<service_thread_data*>(
+        calloc(static_cast<size_t>(max_threads), sizeof(service_thread_data)));
+    if (server->thread_data_array == nullptr) {
+        free(server);
+        return nullptr;
+    }
+    pthread_mutex_init(&server->thread_data_mutex, nullptr);
+    pthread_cond_init(&server->thread_data_condition, nullptr);
+    strncpy(server->socket_path, socket_file, COMM_SOCKET_PATH_SIZE - 1);
+    server->max_threads = max_threads;
+    server->stop_service = 0;
+    server->holders = 1;
+    for (int i = 0; i < max_threads; i++) {
+        service_thread_data* slot = &server->thread_data_array[i];
+        slot->index = i;
+        slot->comsvr_data = server;
+        slot->next_data = (i + 1 < max_threads) ? &server->thread_data_array[i + 1] : nullptr;
+    }
+    server->unuse_list = &server->thread_data_array[0];
+    server->in_used_list = nullptr;
+    return server;
+}
+
+void* commsvr_init(const char* socket_file, int max_listen_thread,
+                   commsvr_service_callback service_callback_fun, void* attach_data) {
+    if (socket_file == nullptr || max_listen_thread <= 0 || service_callback_fun == nullptr) {
+        return nullptr;
+    }
+    int fd = comm_open_listener(socket_file);
+    if (fd < 0) {
+        return nullptr;
+    }
+    communication_server_data* server = comm_new_server(socket_file, max_listen_thread);
+    if (server == nullptr) {
+        close(fd);
+        unlink(socket_file);
+        return nullptr;
+    }
+    server->socket_fp = fd;
+    server->service_callback_fun = service_callback_fun;
+    server->attach_data = attach_data;
+    if (pthread_create(&server->listen_thread_id, nullptr, commsvr_listen_thread, server) != 0) {
+        close(fd);
+        unlink(socket_file);
+        comm_free_server(server);
+        return nullptr;
+    }
+    return server;
+}
+
+// Service threads are not waited for: they see the stop flag within about
+// a second and the last one out frees the server.
+void commsvr_close(void* commsvr_data) {
+    communication_server_data* server = static_cast<communication_server_data*>(commsvr_data);
+    if (server == nullptr) {
+        return;
+    }
+    pthread_mutex_lock(&server->thread_data_mutex);
+    server->stop_service = 1;
+    pthread_cond_broadcast(&server->thread_data_condition);
+    pthread_mutex_unlock(&server->thread_data_mutex);
+    pthread_join(server->listen_thread_id, nullptr);
+    close(server->socket_fp);
+    if (server->socket_path[0] != '\0') {
+        unlink(server->socket_path);
+    }
+    comm_release_server(server);
+}

@@ -1,5 +1,6 @@
 // Entry point: the command line decides between the client, the daemon and
 // the daemon kept in the foreground.
+#include <fcntl.h>
 #include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -80,6 +81,17 @@ static void wifim_detach() {
     umask(0);
     if (setsid() < 0) {
         exit(1);
+    }
+    // A daemon started from a script must not hold the script's output
+    // open: nothing is printed in the background anyway.
+    int null_fd = open("/dev/null", O_RDWR);
+    if (null_fd >= 0) {
+        dup2(null_fd, STDIN_FILENO);
+        dup2(null_fd, STDOUT_FILENO);
+        dup2(null_fd, STDERR_FILENO);
+        if (null_fd > STDERR_FILENO) {
+            close(null_fd);
+        }
     }
 }
 
