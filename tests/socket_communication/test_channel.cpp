@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -25,8 +26,9 @@ struct seen_requests {
     std::vector<std::string> payloads;
     std::vector<int> sizes;
     std::vector<bool> zero_after;
-    std::set<pthread_t> threads;
-    std::vector<pthread_t> thread_order;
+    // Kernel thread ids: a pthread handle may be reused at once by a new thread.
+    std::set<long> threads;
+    std::vector<long> thread_order;
     std::atomic<int> delay_ms{0};
     std::atomic<int> in_callback{0};
     std::atomic<int> calls{0};
@@ -40,8 +42,8 @@ static void echo_callback(int socket, char* data, int size, void* attach) {
         seen->payloads.emplace_back(data, static_cast<size_t>(size));
         seen->sizes.push_back(size);
         seen->zero_after.push_back(size < COMM_REQUEST_BUFFER_SIZE && data[size] == '\0');
-        seen->threads.insert(pthread_self());
-        seen->thread_order.push_back(pthread_self());
+        seen->threads.insert(syscall(SYS_gettid));
+        seen->thread_order.push_back(syscall(SYS_gettid));
     }
     if (seen->delay_ms > 0) {
         usleep(static_cast<useconds_t>(seen->delay_ms) * 1000);
@@ -212,7 +214,8 @@ TEST_F(Channel, ShortHeaderAndShortPayloadCostOnlyTheirConnection) {
     shutdown(fd, SHUT_WR);
     EXPECT_EQ(read_until_closed(fd), "");
     EXPECT_EQ(request("next"), "echo:next");
-    EXPECT_EQ(seen.calls, 1);
+    std::lock_guard<std::mutex> guard(seen.lock);
+    EXPECT_EQ(seen.payloads, (std::vector<std::string>{"next"}));
 }
 
 TEST_F(Channel, FiveSlowRequestsHoldOffASixth) {
@@ -373,7 +376,6 @@ TEST(ChannelClient, LateAnswerFailsWithinTheTimeout) {
 class SlotList : public ::testing::Test {
   protected:
     void SetUp() override {
-        memset(&server, 0, sizeof(server));
         pthread_mutex_init(&server.thread_data_mutex, nullptr);
         pthread_cond_init(&server.thread_data_condition, nullptr);
         memset(slots, 0, sizeof(slots));
@@ -402,7 +404,7 @@ class SlotList : public ::testing::Test {
         }
         return out;
     }
-    communication_server_data server;
+    communication_server_data server{};
     service_thread_data slots[5];
 };
 

@@ -4,6 +4,8 @@
 #include <pthread.h>
 #include <sys/times.h>
 
+#include <atomic>
+
 #include "socket_communication.h"
 
 #define COMM_MAX_REQUESTS_PER_THREAD 100
@@ -27,7 +29,7 @@ struct communication_server_data {
     commsvr_service_callback service_callback_fun;
     int socket_fp;
     int max_threads;
-    volatile int stop_service;
+    std::atomic<int> stop_service;  // read by every thread without the lock
     pthread_t listen_thread_id;
     pthread_mutex_t thread_data_mutex;
     pthread_cond_t thread_data_condition;

@@ -11,6 +11,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <new>
+
 #include "comm_internal.h"
 
 #define COMM_SOCKET_MODE 0666
@@ -31,6 +33,7 @@ static void comm_free_server(communication_server_data* server) {
     pthread_mutex_destroy(&server->thread_data_mutex);
     pthread_cond_destroy(&server->thread_data_condition);
     free(server->thread_data_array);
+    server->~communication_server_data();
     free(server);
 }
 

@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <string>
@@ -96,6 +97,9 @@ static void wifim_detach() {
 }
 
 int main(int argc, char* argv[]) {
+    // The log is also written from signal handlers: read the time zone now,
+    // so that no log line ever has to load it there.
+    tzset();
     wifim_options options = {WIFIM_DEFAULT_WPA_CONFIG_FILE, "wlan0", 10, 10, ""};
     wifim_parse_options(argc, argv, &options);
 
@@ -112,8 +116,11 @@ int main(int argc, char* argv[]) {
     }
 
     if (g_foreground_flag) {
-        // Console lines of a foreground daemon are read as they come.
-        setvbuf(stdout, nullptr, _IOLBF, 0);
+        // Console lines of a foreground daemon are read as they come. The
+        // buffer is given here so that a log line printed from a signal
+        // handler never has to allocate one.
+        static char console_buffer[BUFSIZ];
+        setvbuf(stdout, console_buffer, _IOLBF, sizeof(console_buffer));
     } else {
         wifim_detach();
     }

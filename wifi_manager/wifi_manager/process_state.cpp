@@ -3,5 +3,5 @@
 
 bool g_foreground_flag = false;
 volatile pid_t g_child_pid = 0;
-volatile bool g_program_exist = false;
+std::atomic<bool> g_program_exist{false};
 int g_ping_pipe_fd[2] = {-1, -1};

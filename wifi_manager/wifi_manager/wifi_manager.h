@@ -4,6 +4,8 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <atomic>
+
 #define WIFIM_VERSION "1.0.4"
 
 // Log levels. Any value other than 0..3 is written with the "FOCUS," prefix.
@@ -26,7 +28,9 @@ enum LogLevel {
 // Process-wide state shared by the supervisor, the worker and the log.
 extern bool g_foreground_flag;
 extern volatile pid_t g_child_pid;
-extern volatile bool g_program_exist;
+// Set by the terminate signal; every wait loop of both processes polls it.
+// Atomic because it is written by a handler and read by many threads.
+extern std::atomic<bool> g_program_exist;
 extern int g_ping_pipe_fd[2];
 
 // Writes one line "<date> <time>,<LEVEL>,<message>" to the log file (and to
