@@ -1,0 +1,184 @@
+// The job queue: other threads ask the service loop for work here and may
+// wait for its result; the worker's pings to its supervisor start here too.
+#include <unistd.h>
+
+#include "wpacli_monitor.h"
+
+static const char* wpacm_priority_word(bool high) {
+    return high ? "hight" : "normal";
+}
+
+// Waits on the job condition until the start of the next second, so that a
+// missed wake-up costs at most about a second.
+static void wpacm_wait_job_condition(wpa_request* request) {
+    struct timespec deadline = {time(nullptr) + 1, 0};
+    pthread_cond_timedwait(&request->job_condition, &request->job_mutex, &deadline);
+}
+
+void clear_wpacm_job_data(wpacm_job_data_struct* slot) {
+    slot->in_used_flag = false;
+    slot->high_priority = false;
+    slot->job_id = JobID_Nothing;
+    slot->wps_pin.clear();
+    slot->result_value = WIFI_CONNECT_STATUS_UNKNOW;
+    clear_wifi_ap_info(&slot->ap_info);
+}
+
+void wpacm_reset_job_queue(wpa_request* request) {
+    for (int i = 0; i < WPACM_JOB_SLOTS; i++) {
+        wpacm_job_data_struct* slot = &request->job_array[i];
+        clear_wpacm_job_data(slot);
+        slot->request_timeout_ms = 0;
+        slot->job_index = static_cast<uint32_t>(i + 1);
+        slot->next = (i + 1 < WPACM_JOB_SLOTS) ? &request->job_array[i + 1] : nullptr;
+    }
+    request->unused_job_list = &request->job_array[0];
+    request->in_used_job_list = nullptr;
+    request->heigh_priority_request = false;
+}
+
+// High-priority jobs go before the first normal one, except that the last
+// slot of a queue of two or more is never looked at: the device has always
+// queued that way, and callers' timing depends on it.
+static void wpacm_insert_in_use(wpa_request* request, wpacm_job_data_struct* slot) {
+    slot->next = nullptr;
+    wpacm_job_data_struct* head = request->in_used_job_list;
+    if (head == nullptr) {
+        request->in_used_job_list = slot;
+        return;
+    }
+    if (slot->high_priority && !head->high_priority) {
+        slot->next = head;
+        request->in_used_job_list = slot;
+        return;
+    }
+    wpacm_job_data_struct* prev = head;
+    if (slot->high_priority) {
+        for (wpacm_job_data_struct* cur = head->next; cur != nullptr && cur->next != nullptr;
+             cur = cur->next) {
+            if (!cur->high_priority) {
+                slot->next = cur;
+                prev->next = slot;
+                return;
+            }
+            prev = cur;
+        }
+    }
+    while (prev->next != nullptr) {
+        prev = prev->next;
+    }
+    prev->next = slot;
+}
+
+wpacm_job_data_struct* wpacm_new_job(void* monitor_data, JobID job_id, const wifi_ap_info* ap_info,
+                                     const std::string& wps_pin, int timeout_ms,
+                                     bool heigh_priority) {
+    wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
+    if (data == nullptr) {
+        return nullptr;
+    }
+    wpa_request* request = &data->request;
+    if (pthread_mutex_lock(&request->job_mutex) != 0) {
+        WPACM_FATAL_LOCK_FAILURE();
+        return nullptr;
+    }
+    // A full queue holds its caller until a slot is freed; nothing is dropped.
+    while (request->unused_job_list == nullptr) {
+        wpacm_wait_job_condition(request);
+    }
+    wpacm_job_data_struct* slot = request->unused_job_list;
+    request->unused_job_list = slot->next;
+    clear_wpacm_job_data(slot);
+    if (ap_info != nullptr) {
+        slot->ap_info = *ap_info;
+    }
+    slot->high_priority = heigh_priority;
+    slot->wps_pin = wps_pin;
+    slot->job_id = job_id;
+    slot->request_timeout_ms = get_now_time_ms() + timeout_ms;
+    slot->result_value = WIFI_CONNECT_STATUS_UNKNOW;
+    slot->in_used_flag = true;
+    wpacm_insert_in_use(request, slot);
+    request->heigh_priority_request = request->in_used_job_list->high_priority;
+    pthread_cond_broadcast(&request->job_condition);
+    pthread_mutex_unlock(&request->job_mutex);
+    return slot;
+}
+
+WiFi_Connection_Status wpacm_wait_job(void* monitor_data, wpacm_job_data_struct* job_data,
+                                      wifi_ap_info* ap_info_data) {
+    wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
+    if (data == nullptr || job_data == nullptr) {
+        return WIFI_CONNECT_STATUS_UNKNOW;
+    }
+    wpa_request* request = &data->request;
+    if (pthread_mutex_lock(&request->job_mutex) != 0) {
+        WPACM_FATAL_LOCK_FAILURE();
+        return WIFI_CONNECT_STATUS_UNKNOW;
+    }
+    while (job_data->in_used_flag && !g_program_exist && !data->stop_service) {
+        wpacm_wait_job_condition(request);
+    }
+    WiFi_Connection_Status result = job_data->result_value;
+    if (ap_info_data != nullptr) {
+        *ap_info_data = job_data->ap_info;
+    }
+    pthread_mutex_unlock(&request->job_mutex);
+    return result;
+}
+
+static void wpacm_unlink_in_use(wpa_request* request, uint32_t job_index) {
+    wpacm_job_data_struct** link = &request->in_used_job_list;
+    while (*link != nullptr) {
+        if ((*link)->job_index == job_index) {
+            *link = (*link)->next;
+            return;
+        }
+        link = &(*link)->next;
+    }
+}
+
+static void wpacm_append_unused(wpa_request* request, wpacm_job_data_struct* slot) {
+    wpacm_job_data_struct** link = &request->unused_job_list;
+    while (*link != nullptr) {
+        if ((*link)->job_index == slot->job_index) {
+            return;
+        }
+        link = &(*link)->next;
+    }
+    slot->next = nullptr;
+    *link = slot;
+}
+
+void wpacm_update_job_result(void* monitor_data, wpacm_job_data_struct* job_data,
+                             WiFi_Connection_Status result) {
+    wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
+    if (data == nullptr || job_data == nullptr) {
+        return;
+    }
+    wpa_request* request = &data->request;
+    if (pthread_mutex_lock(&request->job_mutex) != 0) {
+        WPACM_FATAL_LOCK_FAILURE();
+        return;
+    }
+    job_data->result_value = result;
+    job_data->in_used_flag = false;
+    wpacm_unlink_in_use(request, job_data->job_index);
+    wpacm_append_unused(request, job_data);
+    WPACM_LOG(LOG_Info,
+              "updated result, index:%d, priority:%s, Job ID:%d, result:%d, time out:%lld/%lld",
+              job_data->job_index, wpacm_priority_word(job_data->high_priority), job_data->job_id,
+              result, static_cast<long long>(job_data->request_timeout_ms),
+              static_cast<long long>(get_now_time_ms()));
+    pthread_cond_broadcast(&request->job_condition);
+    pthread_mutex_unlock(&request->job_mutex);
+}
+
+void wpacm_touch_watchdog(void* monitor_data, int watchdog_count, int next_resend_time) {
+    wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
+    ssize_t ignored = write(g_ping_pipe_fd[1], &watchdog_count, sizeof(watchdog_count));
+    (void)ignored;
+    if (data != nullptr) {
+        data->next_touch_watch_dog = time(nullptr) + next_resend_time;
+    }
+}

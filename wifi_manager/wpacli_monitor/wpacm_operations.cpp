@@ -1,0 +1,286 @@
+// Operations offered to the request services. They run on request threads:
+// work on wpa_supplicant is posted as a job for the service loop; work on
+// the registered profiles is done here under their mutex.
+#include "wpacli_monitor.h"
+
+#define WPACM_DISABLE_TIMEOUT_MS 5000
+#define WPACM_CONNECT_TIMEOUT_MS 40000
+#define WPACM_STATUS_TIMEOUT_MS 5000
+#define WPACM_DISCONNECT_TIMEOUT_MS 10000
+#define WPACM_WPS_TIMEOUT_MS 120000
+#define WPACM_ENABLE_DELAY_MS 1000
+#define WPACM_BACKOFF_AFTER_REQUEST_MS 5000
+
+static wpacli_monitor_data* wpacm_data(void* monitor_data) {
+    return static_cast<wpacli_monitor_data*>(monitor_data);
+}
+
+static int64_t wpacm_not_zero(int64_t when) {
+    return when == 0 ? 1 : when;
+}
+
+static void wpacm_back_off(wpacli_monitor_data* data) {
+    int64_t when = get_now_time_ms() + WPACM_BACKOFF_AFTER_REQUEST_MS;
+    data->next_connect_clock = when;
+    data->next_scan_clock = when;
+}
+
+static bool wpacm_lock_profiles(wpacli_monitor_data* data) {
+    if (pthread_mutex_lock(&data->registed_ap_info.registed_ap_mutex) != 0) {
+        WPACM_LOG(LOG_Error, "Can't lock registed_ap_mutex...");
+        return false;
+    }
+    return true;
+}
+
+static void wpacm_unlock_profiles(wpacli_monitor_data* data) {
+    pthread_mutex_unlock(&data->registed_ap_info.registed_ap_mutex);
+}
+
+static void wpacm_save_profiles(wpacli_monitor_data* data) {
+    wapinfo_update_profile_to_user_setting(
+        data->enable_feature, &data->registed_ap_info.registed_ap_info_vector, nullptr);
+}
+
+void wpacm_set_enable(void* monitor_data, bool enable) {
+    wpacli_monitor_data* data = wpacm_data(monitor_data);
+    if (data == nullptr || enable == data->enable_feature) {
+        return;
+    }
+    // Pending jobs belong to the old state and are dropped.
+    if (pthread_mutex_lock(&data->request.job_mutex) == 0) {
+        wpacm_reset_job_queue(&data->request);
+        pthread_cond_broadcast(&data->request.job_condition);
+        pthread_mutex_unlock(&data->request.job_mutex);
+    }
+    if (enable) {
+        data->continue_scan_request = 1;
+        int64_t when = wpacm_not_zero(get_now_time_ms() + WPACM_ENABLE_DELAY_MS);
+        data->next_connect_clock = when;
+        data->next_scan_clock = when;
+    } else {
+        wpacm_job_data_struct* job =
+            wpacm_new_job(data, JobID_Disconnect, nullptr, "", WPACM_DISABLE_TIMEOUT_MS, true);
+        wpacm_wait_job(data, job, nullptr);
+    }
+    data->enable_feature = enable;
+    wpacm_save_profiles(data);
+}
+
+int wpacm_connect_to_ap(void* monitor_data, wifi_ap_info* ap_info_data) {
+    wpacli_monitor_data* data = wpacm_data(monitor_data);
+    if (data == nullptr) {
+        return WIFI_CONNECT_STATUS_UNKNOW;
+    }
+    wpacm_job_data_struct* job =
+        wpacm_new_job(data, JobID_ConnectAP, ap_info_data, "", WPACM_CONNECT_TIMEOUT_MS, true);
+    if (job == nullptr) {
+        return WIFI_CONNECT_STATUS_UNKNOW;
+    }
+    WiFi_Connection_Status result = wpacm_wait_job(data, job, nullptr);
+    if (result != WIFI_CONNECT_STATUS_WPS_SUCCESS && result != WIFI_CONNECT_STATUS_SUCCESS) {
+        wpacm_back_off(data);
+    }
+    return result;
+}
+
+bool wpacm_get_connected_ssid(void* monitor_data, std::string& ssid, std::string& bssid) {
+    wpacli_monitor_data* data = wpacm_data(monitor_data);
+    ssid.clear();
+    bssid.clear();
+    if (data == nullptr) {
+        return false;
+    }
+    wpacm_job_data_struct* job =
+        wpacm_new_job(data, JobID_GetStatus, nullptr, "", WPACM_STATUS_TIMEOUT_MS, true);
+    wpacm_wait_job(data, job, nullptr);
+    wpa_supplicant_status status;
+    wpacm_get_last_status(data, &status);
+    if (status.ssid.empty() || status.wpa_state != "COMPLETED") {
+        return false;
+    }
+    ssid = status.ssid;
+    bssid = status.bssid;
+    return !ssid.empty();
+}
+
+// Demotes every profile of the SSID the user disconnected from, so that the
+// automatic connection does not pick it again at once.
+static void wpacm_demote_profile(wpacli_monitor_data* data, const std::string& ssid) {
+    std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;
+    bool changed = false;
+    for (wifi_ap_info& profile : list) {
+        if (profile.ssid == ssid) {
+            profile.priority = -1;
+            changed = true;
+        }
+    }
+    if (changed) {
+        wapinfo_reindex_ap_list(list, true);
+        wpacm_save_profiles(data);
+    }
+}
+
+bool wpacm_disconnect(void* monitor_data) {
+    wpacli_monitor_data* data = wpacm_data(monitor_data);
+    if (data == nullptr) {
+        return false;
+    }
+    std::string ssid;
+    std::string bssid;
+    wpacm_get_connected_ssid(data, ssid, bssid);
+    if (ssid.empty()) {
+        return false;
+    }
+    wpacm_job_data_struct* job =
+        wpacm_new_job(data, JobID_Disconnect, nullptr, "", WPACM_DISCONNECT_TIMEOUT_MS, true);
+    if (job == nullptr) {
+        return false;
+    }
+    WiFi_Connection_Status result = wpacm_wait_job(data, job, nullptr);
+    if (!wpacm_lock_profiles(data)) {
+        return false;
+    }
+    wpacm_demote_profile(data, ssid);
+    wpacm_unlock_profiles(data);
+    wpacm_back_off(data);
+    return result != WIFI_CONNECT_STATUS_UNKNOW;
+}
+
+int wpacm_wps(void* monitor_data, const std::string& pin_data, wifi_ap_info* ap_info_data) {
+    wpacli_monitor_data* data = wpacm_data(monitor_data);
+    if (data == nullptr) {
+        return WIFI_CONNECT_STATUS_UNKNOW;
+    }
+    if (ap_info_data != nullptr) {
+        clear_wifi_ap_info(ap_info_data);
+    }
+    JobID kind = pin_data.empty() ? JobID_WPS_PBC : JobID_WPS_PIN;
+    wpacm_job_data_struct* job =
+        wpacm_new_job(data, kind, nullptr, pin_data, WPACM_WPS_TIMEOUT_MS, true);
+    if (job == nullptr) {
+        return WIFI_CONNECT_STATUS_UNKNOW;
+    }
+    WiFi_Connection_Status result = wpacm_wait_job(data, job, ap_info_data);
+    if (result != WIFI_CONNECT_STATUS_WPS_SUCCESS && result != WIFI_CONNECT_STATUS_SUCCESS) {
+        wpacm_back_off(data);
+    }
+    return result;
+}
+
+bool wpacm_remove_ssid(void* monitor_data, const std::string& ssid, WiFi_Security security) {
+    wpacli_monitor_data* data = wpacm_data(monitor_data);
+    if (data == nullptr) {
+        return false;
+    }
+    std::string connected;
+    std::string bssid;
+    wpacm_get_connected_ssid(data, connected, bssid);
+    if (!wpacm_lock_profiles(data)) {
+        return false;
+    }
+    std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;
+    for (auto it = list.begin(); it != list.end(); ++it) {
+        if (it->ssid == ssid && wpacm_is_same_security(security, it->security)) {
+            list.erase(it);
+            wapinfo_reindex_ap_list(list, true);
+            wpacm_save_profiles(data);
+            break;
+        }
+    }
+    wpacm_unlock_profiles(data);
+    if (!connected.empty() && connected == ssid) {
+        wpacm_new_job(data, JobID_Disconnect, nullptr, "", WPACM_DISCONNECT_TIMEOUT_MS, true);
+    }
+    return true;
+}
+
+void wpacm_get_register_profile(void* monitor_data,
+                                std::vector<wifi_ap_info>& registed_ap_info_vector) {
+    wpacli_monitor_data* data = wpacm_data(monitor_data);
+    registed_ap_info_vector.clear();
+    if (data == nullptr || !wpacm_lock_profiles(data)) {
+        return;
+    }
+    registed_ap_info_vector = data->registed_ap_info.registed_ap_info_vector;
+    wpacm_unlock_profiles(data);
+}
+
+static void wpacm_reorder_and_trim(wpacli_monitor_data* data) {
+    std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;
+    wapinfo_reindex_ap_list(list, true);
+    while (list.size() > static_cast<unsigned>(data->max_bound_wifiap_info)) {
+        list.pop_back();
+    }
+}
+
+// Updates every profile of the same network; other profiles at or below
+// the new priority move down one place to make room. Returns whether the
+// network was known.
+static bool wpacm_merge_profile(std::vector<wifi_ap_info>& list, const wifi_ap_info& added) {
+    bool found = false;
+    for (wifi_ap_info& profile : list) {
+        if (profile.ssid == added.ssid &&
+            wpacm_is_same_security(added.security, profile.security)) {
+            profile.password = added.password;
+            profile.ascii_key = added.ascii_key;
+            profile.priority = added.priority;
+            found = true;
+        } else if (added.priority > 0 && added.priority <= profile.priority) {
+            profile.priority++;
+        }
+    }
+    return found;
+}
+
+void wpacm_update_wifi_profile(void* monitor_data, wifi_ap_info* ap_info_data, bool append_flag) {
+    wpacli_monitor_data* data = wpacm_data(monitor_data);
+    if (data == nullptr || ap_info_data == nullptr || !wpacm_lock_profiles(data)) {
+        return;
+    }
+    std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;
+    bool found = wpacm_merge_profile(list, *ap_info_data);
+    if (!found && !append_flag) {
+        // Nothing to record: undo the room made above from the file.
+        bool enable = data->enable_feature;
+        wapinfo_read_profile(&enable, &list, nullptr);
+        wpacm_reorder_and_trim(data);
+        wpacm_unlock_profiles(data);
+        return;
+    }
+    if (!found) {
+        list.push_back(*ap_info_data);
+    }
+    wpacm_reorder_and_trim(data);
+    wpacm_save_profiles(data);
+    wpacm_unlock_profiles(data);
+}
+
+bool wpacm_get_wifi_ap_list(void* monitor_data, std::vector<wifi_ap_info>& ap_info_vector) {
+    wpacli_monitor_data* data = wpacm_data(monitor_data);
+    ap_info_vector.clear();
+    if (data == nullptr) {
+        return false;
+    }
+    if (pthread_mutex_lock(&data->scan_result.scan_result_mutex) != 0) {
+        WPACM_FATAL_LOCK_FAILURE();
+        return false;
+    }
+    int64_t now = get_now_time_ms();
+    for (const auto& item : data->scan_result.scan_result_list) {
+        const wifi_scan_ap_info& entry = item.second;
+        bool stale = entry.not_in_range_count > 1 && now > entry.mini_alive_ms;
+        if (now < entry.timeout_ms && !stale) {
+            ap_info_vector.push_back(entry.ap_info);
+        }
+    }
+    // Ask the service loop for a fresh scan.
+    if (!(data->continue_scan_request > 0 && data->next_scan_clock != 0)) {
+        data->next_scan_clock = wpacm_not_zero(now);
+    }
+    if (data->continue_scan_request < 2) {
+        data->continue_scan_request = 2;
+    }
+    pthread_mutex_unlock(&data->scan_result.scan_result_mutex);
+    return true;
+}

@@ -1,0 +1,162 @@
+// Controller start-up and shut-down, and the one rule by which commands are
+// sent to wpa_supplicant.
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <wpa_ctrl.h>
+
+#include <SimpleIni.h>
+
+#include "../fixed_paths.h"
+#include "wpacli_monitor.h"
+
+#define WPACM_REQUEST_ATTEMPTS 5
+#define WPACM_SHORT_REPLY_SIZE 256
+#define WPACM_INITIAL_SCAN_REQUESTS 3
+
+void wpacm_raise_fatal_signal() {
+    kill(getpid(), SIGILL);
+}
+
+// wpa_supplicant's own configuration names its control directory; only the
+// plain directory form of ctrl_interface is understood.
+static std::string wpacm_read_ctrl_interface(const std::string& config_file) {
+    CSimpleIniA ini;
+    FILE* fp = fopen(config_file.c_str(), "rb");
+    if (fp != nullptr) {
+        ini.LoadFile(fp);
+        fclose(fp);
+    }
+    return ini.GetValue("", "ctrl_interface", WIFIM_DEFAULT_WPA_CTRL_DIR);
+}
+
+static void wpacm_load_registered_profiles(wpacli_monitor_data* data) {
+    bool enable = true;
+    std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;
+    wapinfo_read_profile(&enable, &list, nullptr);
+    data->enable_feature = enable;
+    wapinfo_reindex_ap_list(list, true);
+    // A negative bound, compared as unsigned, keeps everything.
+    while (list.size() > static_cast<unsigned>(data->max_bound_wifiap_info)) {
+        list.pop_back();
+    }
+}
+
+void* wpacm_init(std::string wpa_supplicant_config_file, std::string wlan_interface,
+                 int max_bound_wifiap_info) {
+    srand(static_cast<unsigned>(time(nullptr)));
+    if (!wifim_file_exist(wpa_supplicant_config_file.c_str())) {
+        WPACM_LOG(LOG_Error, "the wpa_supplicant config file(%s) not exist",
+                  wpa_supplicant_config_file.c_str());
+        return nullptr;
+    }
+    wpacli_monitor_data* data = new wpacli_monitor_data();
+    wpacm_reset_job_queue(&data->request);
+    data->wpa_supplicant_config_file = wpa_supplicant_config_file;
+    data->wlan_interface = wlan_interface;
+    data->stop_service = false;
+    pthread_mutex_init(&data->scan_result.scan_result_mutex, nullptr);
+    pthread_mutex_init(&data->request.job_mutex, nullptr);
+    pthread_mutex_init(&data->registed_ap_info.registed_ap_mutex, nullptr);
+    pthread_cond_init(&data->request.job_condition, nullptr);
+
+    data->wpa_socket_file =
+        wpacm_read_ctrl_interface(wpa_supplicant_config_file) + "/" + wlan_interface;
+    clear_wpa_supplicant_status(&data->scan_result.last_status);
+    data->scan_result.scan_result_list.clear();
+    data->continue_scan_request = WPACM_INITIAL_SCAN_REQUESTS;
+    data->max_bound_wifiap_info = max_bound_wifiap_info;
+    data->next_touch_watch_dog = time(nullptr);
+    data->next_scan_clock = 0;
+    data->next_connect_clock = 0;
+    wpacm_load_registered_profiles(data);
+    return data;
+}
+
+void wpacm_close(void* monitor_data) {
+    wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
+    if (data == nullptr) {
+        return;
+    }
+    data->stop_service = true;
+    if (pthread_mutex_lock(&data->registed_ap_info.registed_ap_mutex) == 0) {
+        wapinfo_update_profile_to_user_setting(
+            data->enable_feature, &data->registed_ap_info.registed_ap_info_vector, nullptr);
+        pthread_mutex_unlock(&data->registed_ap_info.registed_ap_mutex);
+    }
+    pthread_mutex_destroy(&data->scan_result.scan_result_mutex);
+    pthread_mutex_destroy(&data->request.job_mutex);
+    pthread_mutex_destroy(&data->registed_ap_info.registed_ap_mutex);
+    pthread_cond_destroy(&data->request.job_condition);
+    delete data;
+}
+
+bool wpacm_get_enable(void* monitor_data) {
+    wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
+    return data != nullptr && data->enable_feature;
+}
+
+std::string wpacm_get_wlan_interface(void* monitor_data) {
+    wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
+    return data == nullptr ? std::string() : data->wlan_interface;
+}
+
+static void wpacm_sleep_ms(int ms) {
+    usleep(static_cast<useconds_t>(ms) * 1000);
+}
+
+// Waits after a failed transport attempt grow with each attempt: 10..20,
+// 20..40, 30..60, 40..80 and finally 50..100 ms.
+static int wpacm_retry_wait_ms(int attempt) {
+    int base = attempt * 10;
+    return base + rand() % (base + 1);
+}
+
+bool wpacm_send_wpa_request(struct wpa_ctrl* ctrl, const char* command) {
+    char reply[WPACM_SHORT_REPLY_SIZE];
+    for (int attempt = 1; attempt <= WPACM_REQUEST_ATTEMPTS; attempt++) {
+        memset(reply, 0, sizeof(reply));
+        size_t reply_len = sizeof(reply);
+        if (wpa_ctrl_request(ctrl, command, strlen(command), reply, &reply_len, nullptr) == 0) {
+            return strncmp(reply, "OK", 2) == 0;
+        }
+        wpacm_sleep_ms(wpacm_retry_wait_ms(attempt));
+    }
+    WPACM_LOG(LOG_Error, "Request fail, command:%s,result:%s", command, reply);
+    return false;
+}
+
+void wpacm_clear_all_event(struct wpa_ctrl* ctrl) {
+    char event[WPACM_REPLY_SIZE];
+    int fd = wpa_ctrl_get_fd(ctrl);
+    while (true) {
+        fd_set fds;
+        FD_ZERO(&fds);
+        FD_SET(fd, &fds);
+        struct timeval wait = {0, 1000};
+        if (select(fd + 1, &fds, nullptr, nullptr, &wait) < 0 || g_program_exist ||
+            wpa_ctrl_pending(ctrl) <= 0) {
+            return;
+        }
+        memset(event, 0, sizeof(event));
+        size_t len = sizeof(event);
+        wpa_ctrl_recv(ctrl, event, &len);
+    }
+}
+
+int touch_file(const char* path) {
+    struct stat st;
+    if (stat(path, &st) == 0) {
+        return 0;
+    }
+    FILE* fp = fopen(path, "w");
+    if (fp == nullptr) {
+        return -1;
+    }
+    fclose(fp);
+    return 0;
+}

@@ -1,0 +1,112 @@
+// Small helpers shared by the controller's parsers and procedures, and the
+// table that maps wpa_supplicant's key management words to security kinds.
+#include <sys/time.h>
+
+#include "wpacli_monitor.h"
+
+// Order matters: lookups by value take the first matching row, and the scan
+// and WPS parsers rely on it. Open networks carry proto "WPA" while WEP
+// carries none; WPA2-EAP with both ciphers has no row on purpose.
+const wpa_cli_security g_wpa_security_array[WPACM_SECURITY_ROWS] = {
+    {"NONE", "WPA", "NONE", WIFI_SECURITY_NONE},
+    {"NONE", "", "NONE", WIFI_SECURITY_WEP},
+    {"WPA-PSK", "WPA", "TKIP", WIFI_SECURITY_WPA_PSK_TKIP},
+    {"WPA-PSK", "WPA", "CCMP", WIFI_SECURITY_WPA_PSK_AES},
+    {"WPA-PSK", "WPA", "CCMP TKIP", WIFI_SECURITY_WPA_PSK_TKIP_AES},
+    {"WPA-EAP", "WPA", "TKIP", WIFI_SECURITY_WPA_EAP_TKIP},
+    {"WPA-EAP", "WPA", "CCMP", WIFI_SECURITY_WPA_EAP_AES},
+    {"WPA-EAP", "WPA", "CCMP TKIP", WIFI_SECURITY_WPA_EAP_TKIP_AES},
+    {"WPA-PSK WPA-EAP", "WPA", "CCMP TKIP", WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES},
+    {"WPA-PSK", "RSN", "TKIP", WIFI_SECURITY_WPA2_PSK_TKIP},
+    {"WPA-PSK", "RSN", "CCMP", WIFI_SECURITY_WPA2_PSK_AES},
+    {"WPA-PSK", "RSN", "CCMP TKIP", WIFI_SECURITY_WPA2_PSK_TKIP_AES},
+    {"WPA-EAP", "RSN", "TKIP", WIFI_SECURITY_WPA2_EAP_TKIP},
+    {"WPA-EAP", "RSN", "CCMP", WIFI_SECURITY_WPA2_EAP_AES},
+    {"WPA-PSK WPA-EAP", "RSN", "CCMP TKIP", WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES},
+    {"WPA-PSK WPA-EAP", "WPA RSN", "CCMP TKIP", WIFI_SECURITY_ANY_WPA},
+};
+
+const wpa_cli_security* wpacm_find_wpa_security(WiFi_Security value) {
+    for (const auto& row : g_wpa_security_array) {
+        if (row.value == value) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+int64_t get_now_time_ms() {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000;
+}
+
+void clear_wpa_supplicant_status(wpa_supplicant_status* status) {
+    status->bssid.clear();
+    status->ssid.clear();
+    status->wpa_state.clear();
+    status->key_mgmt.clear();
+}
+
+void copy_wpa_supplicant_status(wpa_supplicant_status* dst, const wpa_supplicant_status* src) {
+    dst->bssid = src->bssid;
+    dst->ssid = src->ssid;
+    dst->wpa_state = src->wpa_state;
+    dst->key_mgmt = src->key_mgmt;
+}
+
+std::string wpacm_remove_quote(const std::string& text) {
+    size_t first = text.find_first_not_of(' ');
+    if (first == std::string::npos) {
+        return "";
+    }
+    size_t last = text.find_last_not_of(' ');
+    std::string trimmed = text.substr(first, last - first + 1);
+    if (trimmed.front() != '"' || trimmed.back() != '"') {
+        return trimmed;
+    }
+    // A lone quote mark is both the opening and the closing one.
+    return trimmed.size() < 2 ? "" : trimmed.substr(1, trimmed.size() - 2);
+}
+
+bool wpacm_cut_string(const std::string& text, char delimiter, size_t& start, size_t& position,
+                      std::string& field) {
+    start = text.find_first_not_of(delimiter, position);
+    position = (start == std::string::npos) ? std::string::npos : text.find(delimiter, start);
+    if (start == std::string::npos || position == std::string::npos || start == position) {
+        return false;
+    }
+    field = text.substr(start, position - start);
+    return true;
+}
+
+// The search resumes one character past the replaced text as it stood
+// before the replacement; with a one-character pattern this skips the
+// character right after each replacement.
+std::string wpacm_replace_string(const std::string& text, const std::string& from,
+                                 const std::string& to) {
+    std::string result = text;
+    if (from.empty()) {
+        return result;
+    }
+    size_t position = result.find(from);
+    while (position != std::string::npos) {
+        result.replace(position, from.size(), to);
+        position = result.find(from, position + from.size() + 1);
+    }
+    return result;
+}
+
+static bool wpacm_in_wpa_family(WiFi_Security s) {
+    return (s >= WIFI_SECURITY_WPA_PSK_TKIP && s <= WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES) ||
+           s == WIFI_SECURITY_ANY_WPA;
+}
+
+static bool wpacm_in_wpa2_family(WiFi_Security s) {
+    return s >= WIFI_SECURITY_WPA2_PSK_TKIP && s <= WIFI_SECURITY_ANY_WPA;
+}
+
+bool wpacm_is_same_security(WiFi_Security a, WiFi_Security b) {
+    return a == b || (wpacm_in_wpa_family(a) && wpacm_in_wpa_family(b)) ||
+           (wpacm_in_wpa2_family(a) && wpacm_in_wpa2_family(b));
+}

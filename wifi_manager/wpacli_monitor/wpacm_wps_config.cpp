@@ -1,0 +1,154 @@
+// Reading back the networks wpa_supplicant saved after WPS, and WPS PINs.
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <SimpleIni.h>
+
+#include "../fixed_paths.h"
+#include "wpacli_monitor.h"
+
+#define WPACM_PIN_DIGITS 10000000u
+
+// Lines are compared and parsed with every blank and tab removed, values
+// included; that is how the device has always read this file.
+static std::string wpacm_strip_blanks(const std::string& line) {
+    std::string out;
+    for (char c : line) {
+        if (c != ' ' && c != '\t') {
+            out += c;
+        }
+    }
+    return out;
+}
+
+// The network={ ... } blocks of the file, one text per block.
+static std::vector<std::string> wpacm_network_blocks(const std::string& text) {
+    std::vector<std::string> blocks;
+    std::string block;
+    bool inside = false;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) {
+            end = text.size();
+        }
+        std::string line = wpacm_strip_blanks(text.substr(start, end - start));
+        start = end + 1;
+        if (!inside) {
+            inside = (line == "network={");
+            block.clear();
+        } else if (line == "}") {
+            inside = false;
+            if (!block.empty()) {
+                blocks.push_back(block);
+            }
+        } else {
+            block += line + "\n";
+        }
+    }
+    if (inside && !block.empty()) {
+        blocks.push_back(block);
+    }
+    return blocks;
+}
+
+static const wpa_cli_security* wpacm_match_security_row(const std::string& key_mgmt,
+                                                        const std::string& proto,
+                                                        const std::string& pairwise) {
+    for (const auto& row : g_wpa_security_array) {
+        if (row.security_str == key_mgmt &&
+            (row.protocol_str.empty() || row.protocol_str == proto) &&
+            (row.pairwise_str.empty() || row.pairwise_str == pairwise)) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+// A quoted key is text; a bare one is hexadecimal.
+static void wpacm_take_key(const std::string& value, wifi_ap_info* ap_info) {
+    if (value.empty()) {
+        ap_info->ascii_key = true;
+        ap_info->password = value;
+    } else if (value.size() >= 2 && value.front() == '"' && value.back() == '"') {
+        ap_info->ascii_key = true;
+        ap_info->password = value.substr(1, value.size() - 2);
+    } else {
+        ap_info->ascii_key = false;
+        ap_info->password = value;
+    }
+}
+
+static bool wpacm_profile_from_block(CSimpleIniA& ini, const std::string& block,
+                                     wifi_ap_info* ap_info) {
+    ini.Reset();
+    ini.LoadData(block.c_str(), block.size());
+    clear_wifi_ap_info(ap_info);
+    ap_info->ssid = wpacm_remove_quote(ini.GetValue("", "ssid", ""));
+    const wpa_cli_security* row =
+        wpacm_match_security_row(wpacm_remove_quote(ini.GetValue("", "key_mgmt", "")),
+                                 wpacm_remove_quote(ini.GetValue("", "proto", "")),
+                                 wpacm_remove_quote(ini.GetValue("", "pairwise", "")));
+    if (ap_info->ssid.empty() || row == nullptr || row->value < WIFI_SECURITY_NONE ||
+        row->value > WIFI_SECURITY_ANY_WPA) {
+        return false;
+    }
+    ap_info->security = row->value;
+    switch (ap_info->security) {
+        case WIFI_SECURITY_NONE:
+            ap_info->password.clear();
+            ap_info->ascii_key = true;
+            return true;
+        case WIFI_SECURITY_WEP:
+            wpacm_take_key(ini.GetValue("", "wep_key0", ""), ap_info);
+            return true;
+        case WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES:
+        case WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES:
+            return false;
+        default:
+            wpacm_take_key(ini.GetValue("", "psk", ""), ap_info);
+            return true;
+    }
+}
+
+std::vector<wifi_ap_info> wpacm_read_wpa_config_profiles(const std::string& text) {
+    std::vector<wifi_ap_info> profiles;
+    CSimpleIniA ini;
+    for (const std::string& block : wpacm_network_blocks(text)) {
+        wifi_ap_info ap_info;
+        if (wpacm_profile_from_block(ini, block, &ap_info)) {
+            profiles.push_back(ap_info);
+        }
+    }
+    return profiles;
+}
+
+std::string wpacm_wps_pin_from_value(uint32_t value) {
+    unsigned pin = value % WPACM_PIN_DIGITS;
+    unsigned sum = 0;
+    unsigned rest = pin;
+    for (int digit = 0; digit < 7; digit++) {
+        sum += (digit % 2 == 0 ? 3 : 1) * (rest % 10);
+        rest /= 10;
+    }
+    unsigned check = (10 - sum % 10) % 10;
+    char text[16];
+    snprintf(text, sizeof(text), "%08u", pin * 10 + check);
+    return text;
+}
+
+std::string wpacm_get_wps_pin(void* monitor_data) {
+    (void)monitor_data;
+    uint32_t value = 0;
+    FILE* fp = fopen(WIFIM_URANDOM_FILE, "rb");
+    if (fp != nullptr) {
+        if (fread(&value, sizeof(value), 1, fp) != 1) {
+            value = 0;
+        }
+        fclose(fp);
+    }
+    if (value == 0) {
+        value = static_cast<uint32_t>(rand());
+    }
+    return wpacm_wps_pin_from_value(value);
+}
