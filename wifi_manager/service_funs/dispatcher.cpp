@@ -10,8 +10,19 @@
 std::map<std::string, service_function> g_service_function_map;
 
 void service_init() {
-    // The handlers register here as they are added, in the order of the
-    // device's request vocabulary; a repeated name keeps its first entry.
+    // insert() keeps the first entry of a repeated name.
+    g_service_function_map.insert({"GetAPList", service_get_ap_list});
+    g_service_function_map.insert({"GetConnected", service_get_connected_ssid});
+    g_service_function_map.insert({"ConnectAP", service_connect_ap});
+    g_service_function_map.insert({"ReconnectAP", service_reconnect_ap});
+    g_service_function_map.insert({"Disconnect", service_disconnect});
+    g_service_function_map.insert({"Remove", service_remove_profile});
+    g_service_function_map.insert({"Enable", service_set_enable});
+    g_service_function_map.insert({"GetWPSPin", service_get_wps_pin});
+    g_service_function_map.insert({"WPS", service_wps});
+    g_service_function_map.insert(
+        {"GetNetSetting", static_cast<service_function>(service_get_network_setting)});
+    g_service_function_map.insert({"SetNetSetting", service_set_network_setting});
 }
 
 long long service_elapsed_ms(long start_sec, long start_usec, long end_sec, long end_usec) {

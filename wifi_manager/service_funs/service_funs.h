@@ -7,6 +7,9 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <vector>
+
+#include "wifi_manager/wifi_manager.h"
 
 // Result codes written into every answer's <result> element.
 enum wifi_manager_return_code {
@@ -42,6 +45,53 @@ void service_call_back_function(int socket, char* data, int data_size, void* mon
 // Elapsed milliseconds between two gettimeofday readings, each reading taken
 // in signed 32-bit milliseconds as the request log has always shown them.
 long long service_elapsed_ms(long start_sec, long start_usec, long end_sec, long end_usec);
+
+// Result of a connect or reconnect, and of a WPS run, for a controller status.
+wifi_manager_return_code service_connect_result(int status);
+wifi_manager_return_code service_wps_result(int status);
+// Security name written in the AP reports.
+const char* service_security_name(int security);
+
+// The handlers, in the order the device's request vocabulary lists them.
+void service_get_ap_list(CSimpleIniA& receive_data, std::stringstream& response_stream,
+                         void* monitor_data);
+void service_get_connected_ssid(CSimpleIniA& receive_data, std::stringstream& response_stream,
+                                void* monitor_data);
+void service_connect_ap(CSimpleIniA& receive_data, std::stringstream& response_stream,
+                        void* monitor_data);
+void service_reconnect_ap(CSimpleIniA& receive_data, std::stringstream& response_stream,
+                          void* monitor_data);
+void service_disconnect(CSimpleIniA& receive_data, std::stringstream& response_stream,
+                        void* monitor_data);
+void service_remove_profile(CSimpleIniA& receive_data, std::stringstream& response_stream,
+                            void* monitor_data);
+void service_set_enable(CSimpleIniA& receive_data, std::stringstream& response_stream,
+                        void* monitor_data);
+void service_get_wps_pin(CSimpleIniA& receive_data, std::stringstream& response_stream,
+                         void* monitor_data);
+void service_wps(CSimpleIniA& receive_data, std::stringstream& response_stream, void* monitor_data);
+void service_get_network_setting(CSimpleIniA& receive_data, std::stringstream& response_stream,
+                                 void* monitor_data);
+void service_set_network_setting(CSimpleIniA& receive_data, std::stringstream& response_stream,
+                                 void* monitor_data);
+
+// Live network state of an interface: IPv4 address and netmask, default
+// gateway and DNS servers.
+bool service_get_network_setting(std::string net_interface, std::string& ip, std::string& netmask,
+                                 std::string& gateway, std::vector<std::string>& dns);
+int service_get_gateway(std::string net_interface, std::string& gateway);
+bool service_get_dnsserver(std::vector<std::string>& dns_server_vector);
+// The same readers on given text, for the files' contents.
+bool service_parse_gateway(const std::string& route_text, const std::string& net_interface,
+                           std::string& gateway);
+void service_parse_dnsservers(const std::string& resolv_text,
+                              std::vector<std::string>& dns_server_vector);
+
+// Answer envelope: the XML declaration, the root's opening tag and the result.
+void service_begin_answer(std::stringstream& response_stream, const char* root, int result);
+void service_end_answer(std::stringstream& response_stream, const char* root);
+void service_write_element(std::stringstream& response_stream, const char* name,
+                           const std::string& value);
 
 #define SERVICE_LOG(level, fmt, ...) \
     WIFIM_LOG_AT(level, "service_funs.cpp", __func__, fmt, ##__VA_ARGS__)
