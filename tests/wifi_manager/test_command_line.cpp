@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "test_support.h"
+#include "wpa_peer.h"
 
 using wifim_test::daemon_binary;
 using wifim_test::file_exists;
@@ -21,6 +22,7 @@ using wifim_test::write_file;
 
 static const char* kSocket = "/tmp/wifi_manager.socket";
 static const char* kLog = "/tmp/wifi_manager.log";
+// The wired peer writes its configuration here.
 static const char* kWpaConf = "/tmp/wpa_supplicant.conf";
 
 static std::string help_text() {
@@ -56,9 +58,15 @@ struct running_daemon {
     std::string console = "/tmp/daemon.console";
 };
 
+// The real wpa_supplicant (wired driver) the daemon's worker talks to.
+static wifim_test::wpa_peer g_peer;
+
 static running_daemon start_daemon(std::vector<std::string> extra = {}) {
     running_daemon d;
-    std::vector<std::string> argv = {daemon_binary(), "-F", "-c", kWpaConf};
+    if (g_peer.pid < 0) {
+        EXPECT_TRUE(wifim_test::start_wired_wpa_supplicant(&g_peer));
+    }
+    std::vector<std::string> argv = {daemon_binary(), "-F", "-c", kWpaConf, "-i", "wlan0"};
     argv.insert(argv.end(), extra.begin(), extra.end());
     d.pid = wifim_test::spawn_process(argv, d.console);
     return d;
@@ -66,7 +74,10 @@ static running_daemon start_daemon(std::vector<std::string> extra = {}) {
 
 class CommandLine : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_TRUE(write_file(kWpaConf, "ctrl_interface=/tmp/wpa\n")); }
+    void SetUp() override {
+        ASSERT_TRUE(write_file(kWpaConf, "ctrl_interface=/tmp/wpa_ctrl\n"));
+        wifim_test::install_recording_scripts();
+    }
 };
 
 TEST_F(CommandLine, HelpTextIsPrintedByteForByte) {
@@ -291,6 +302,7 @@ TEST_F(CommandLine, ForegroundStillForksAWorkerInItsOwnSession) {
 }
 
 TEST_F(CommandLine, WithoutForegroundTheDaemonDetaches) {
+    ASSERT_TRUE(wifim_test::start_wired_wpa_supplicant(&g_peer));
     auto r = run_process({daemon_binary(), "-c", kWpaConf}, 5000);
     EXPECT_EQ(r.exit_status, 0);  // the first parent returns at once
     EXPECT_TRUE(wifim_test::wait_until([] { return file_exists(kSocket); }, 5000));

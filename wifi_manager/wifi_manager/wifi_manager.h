@@ -32,6 +32,8 @@ extern volatile pid_t g_child_pid;
 // Atomic because it is written by a handler and read by many threads.
 extern std::atomic<bool> g_program_exist;
 extern int g_ping_pipe_fd[2];
+// The worker's station controller, once started.
+extern void* g_wpacli_data;
 
 // Writes one line "<date> <time>,<LEVEL>,<message>" to the log file (and to
 // the console in foreground mode). Never fails visibly: a line that cannot be

@@ -7,41 +7,36 @@
 #include "../fixed_paths.h"
 #include "service_funs/service_funs.h"
 #include "socket_communication/socket_communication.h"
+#include "wpacli_monitor/wpacli_monitor.h"
 #include "wifi_manager.h"
 
 #define WIFIM_SERVICE_THREADS 5
-#define WIFIM_IDLE_PING_S 30
-#define WIFIM_IDLE_PING_PERIOD_S 2
+#define WIFIM_NO_CONTROLLER_PAUSE_S 3
 
-// Keeps the worker alive and pinging until it is told to stop.
-static void wifim_serve_until_stopped() {
-    time_t next_ping = 0;
-    while (!g_program_exist) {
-        time_t now = time(nullptr);
-        if (now >= next_ping) {
-            int seconds = WIFIM_IDLE_PING_S;
-            ssize_t ignored = write(g_ping_pipe_fd[1], &seconds, sizeof(seconds));
-            (void)ignored;
-            next_ping = now + WIFIM_IDLE_PING_PERIOD_S;
-        }
-        sleep(1);
-    }
-}
+void* g_wpacli_data = nullptr;
 
 void wifim_run_worker(const wifim_options* options) {
-    (void)options;
     umask(0);
     setsid();
     wifim_install_signal_handlers();
     WIFIM_MAIN_LOG(LOG_FocusWrite, "Program start -- Version: " WIFIM_VERSION);
 
-    void* controller = nullptr;
+    g_wpacli_data = wpacm_init(options->wpa_supplicant_config_file, options->wifi_interface,
+                               options->max_bound_wifiap_info);
     service_init();
     void* server = commsvr_init(WIFIM_SOCKET_FILE, WIFIM_SERVICE_THREADS,
-                                service_call_back_function, controller);
-    wifim_serve_until_stopped();
+                                service_call_back_function, g_wpacli_data);
+    if (g_wpacli_data == nullptr) {
+        // Without a controller the worker never pings: the supervisor
+        // restarts it once its allowance has run out.
+        WIFIM_MAIN_LOG(LOG_FocusWrite, "Can't initialize wpa monitor");
+        sleep(WIFIM_NO_CONTROLLER_PAUSE_S);
+    } else {
+        wpacm_service(g_wpacli_data);
+    }
 
     commsvr_close(server);
+    wpacm_close(g_wpacli_data);
     close(g_ping_pipe_fd[0]);
     close(g_ping_pipe_fd[1]);
     WIFIM_MAIN_LOG(LOG_FocusWrite, "Program close");

@@ -157,6 +157,24 @@ bool wpacm_send_wpa_request(struct wpa_ctrl* ctrl, const char* command);
 void wpacm_clear_all_event(struct wpa_ctrl* ctrl);
 int touch_file(const char* path);
 
+// Request threads enter every operation through this gate, so that
+// wpacm_close can wait for them to leave before it frees the controller.
+// Returns false once the controller is closing; the caller then fails.
+bool wpacm_enter_call();
+void wpacm_leave_call();
+// Holds a request thread inside the gate for one operation.
+struct wpacm_call {
+    bool entered;
+    wpacm_call() : entered(wpacm_enter_call()) {}
+    ~wpacm_call() {
+        if (entered) {
+            wpacm_leave_call();
+        }
+    }
+    wpacm_call(const wpacm_call&) = delete;
+    wpacm_call& operator=(const wpacm_call&) = delete;
+};
+
 // A controller that cannot lock its own mutex is broken beyond repair: the
 // worker ends itself with SIGILL so that its supervisor restarts it.
 void wpacm_raise_fatal_signal();

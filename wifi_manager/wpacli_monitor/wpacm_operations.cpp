@@ -44,7 +44,8 @@ static void wpacm_save_profiles(wpacli_monitor_data* data) {
 
 void wpacm_set_enable(void* monitor_data, bool enable) {
     wpacli_monitor_data* data = wpacm_data(monitor_data);
-    if (data == nullptr || enable == data->enable_feature) {
+    wpacm_call call;
+    if (data == nullptr || !call.entered || enable == data->enable_feature) {
         return;
     }
     // Pending jobs belong to the old state and are dropped.
@@ -69,7 +70,8 @@ void wpacm_set_enable(void* monitor_data, bool enable) {
 
 int wpacm_connect_to_ap(void* monitor_data, wifi_ap_info* ap_info_data) {
     wpacli_monitor_data* data = wpacm_data(monitor_data);
-    if (data == nullptr) {
+    wpacm_call call;
+    if (data == nullptr || !call.entered) {
         return WIFI_CONNECT_STATUS_UNKNOW;
     }
     wpacm_job_data_struct* job =
@@ -88,7 +90,8 @@ bool wpacm_get_connected_ssid(void* monitor_data, std::string& ssid, std::string
     wpacli_monitor_data* data = wpacm_data(monitor_data);
     ssid.clear();
     bssid.clear();
-    if (data == nullptr) {
+    wpacm_call call;
+    if (data == nullptr || !call.entered) {
         return false;
     }
     wpacm_job_data_struct* job =
@@ -123,7 +126,8 @@ static void wpacm_demote_profile(wpacli_monitor_data* data, const std::string& s
 
 bool wpacm_disconnect(void* monitor_data) {
     wpacli_monitor_data* data = wpacm_data(monitor_data);
-    if (data == nullptr) {
+    wpacm_call call;
+    if (data == nullptr || !call.entered) {
         return false;
     }
     std::string ssid;
@@ -149,7 +153,8 @@ bool wpacm_disconnect(void* monitor_data) {
 
 int wpacm_wps(void* monitor_data, const std::string& pin_data, wifi_ap_info* ap_info_data) {
     wpacli_monitor_data* data = wpacm_data(monitor_data);
-    if (data == nullptr) {
+    wpacm_call call;
+    if (data == nullptr || !call.entered) {
         return WIFI_CONNECT_STATUS_UNKNOW;
     }
     if (ap_info_data != nullptr) {
@@ -170,7 +175,8 @@ int wpacm_wps(void* monitor_data, const std::string& pin_data, wifi_ap_info* ap_
 
 bool wpacm_remove_ssid(void* monitor_data, const std::string& ssid, WiFi_Security security) {
     wpacli_monitor_data* data = wpacm_data(monitor_data);
-    if (data == nullptr) {
+    wpacm_call call;
+    if (data == nullptr || !call.entered) {
         return false;
     }
     std::string connected;
@@ -199,7 +205,8 @@ void wpacm_get_register_profile(void* monitor_data,
                                 std::vector<wifi_ap_info>& registed_ap_info_vector) {
     wpacli_monitor_data* data = wpacm_data(monitor_data);
     registed_ap_info_vector.clear();
-    if (data == nullptr || !wpacm_lock_profiles(data)) {
+    wpacm_call call;
+    if (data == nullptr || !call.entered || !wpacm_lock_profiles(data)) {
         return;
     }
     registed_ap_info_vector = data->registed_ap_info.registed_ap_info_vector;
@@ -235,7 +242,8 @@ static bool wpacm_merge_profile(std::vector<wifi_ap_info>& list, const wifi_ap_i
 
 void wpacm_update_wifi_profile(void* monitor_data, wifi_ap_info* ap_info_data, bool append_flag) {
     wpacli_monitor_data* data = wpacm_data(monitor_data);
-    if (data == nullptr || ap_info_data == nullptr || !wpacm_lock_profiles(data)) {
+    wpacm_call call;
+    if (data == nullptr || !call.entered || ap_info_data == nullptr || !wpacm_lock_profiles(data)) {
         return;
     }
     std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;
@@ -259,7 +267,8 @@ void wpacm_update_wifi_profile(void* monitor_data, wifi_ap_info* ap_info_data, b
 bool wpacm_get_wifi_ap_list(void* monitor_data, std::vector<wifi_ap_info>& ap_info_vector) {
     wpacli_monitor_data* data = wpacm_data(monitor_data);
     ap_info_vector.clear();
-    if (data == nullptr) {
+    wpacm_call call;
+    if (data == nullptr || !call.entered) {
         return false;
     }
     if (pthread_mutex_lock(&data->scan_result.scan_result_mutex) != 0) {

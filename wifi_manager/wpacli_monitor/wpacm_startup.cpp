@@ -18,8 +18,45 @@
 #define WPACM_SHORT_REPLY_SIZE 256
 #define WPACM_INITIAL_SCAN_REQUESTS 3
 
+#define WPACM_CLOSE_WAIT_MS 10000
+
 void wpacm_raise_fatal_signal() {
     kill(getpid(), SIGILL);
+}
+
+// Operations in progress on request threads, and whether the controller is
+// being closed. A caller first counts itself in, then looks at the flag, so
+// that wpacm_close never frees memory a caller is still using.
+static std::atomic<int> g_wpacm_calls{0};
+static std::atomic<bool> g_wpacm_closing{false};
+
+bool wpacm_enter_call() {
+    g_wpacm_calls++;
+    if (g_wpacm_closing) {
+        g_wpacm_calls--;
+        return false;
+    }
+    return true;
+}
+
+void wpacm_leave_call() {
+    g_wpacm_calls--;
+}
+
+// Wakes every caller waiting for a job and waits for all to leave; false
+// when one is still inside after the bounded wait.
+static bool wpacm_wait_for_callers(wpacli_monitor_data* data) {
+    if (pthread_mutex_lock(&data->request.job_mutex) == 0) {
+        pthread_cond_broadcast(&data->request.job_condition);
+        pthread_mutex_unlock(&data->request.job_mutex);
+    }
+    for (int waited = 0; waited < WPACM_CLOSE_WAIT_MS; waited += 10) {
+        if (g_wpacm_calls == 0) {
+            return true;
+        }
+        usleep(10000);
+    }
+    return g_wpacm_calls == 0;
 }
 
 // wpa_supplicant's own configuration names its control directory; only the
@@ -55,6 +92,7 @@ void* wpacm_init(std::string wpa_supplicant_config_file, std::string wlan_interf
         return nullptr;
     }
     wpacli_monitor_data* data = new wpacli_monitor_data();
+    g_wpacm_closing = false;
     wpacm_reset_job_queue(&data->request);
     data->wpa_supplicant_config_file = wpa_supplicant_config_file;
     data->wlan_interface = wlan_interface;
@@ -83,10 +121,17 @@ void wpacm_close(void* monitor_data) {
         return;
     }
     data->stop_service = true;
+    g_wpacm_closing = true;
+    bool idle = wpacm_wait_for_callers(data);
     if (pthread_mutex_lock(&data->registed_ap_info.registed_ap_mutex) == 0) {
         wapinfo_update_profile_to_user_setting(
             data->enable_feature, &data->registed_ap_info.registed_ap_info_vector, nullptr);
         pthread_mutex_unlock(&data->registed_ap_info.registed_ap_mutex);
+    }
+    if (!idle) {
+        // A caller is stuck inside; keeping the memory is safer than
+        // freeing it under that caller on the way out.
+        return;
     }
     pthread_mutex_destroy(&data->scan_result.scan_result_mutex);
     pthread_mutex_destroy(&data->request.job_mutex);
@@ -97,12 +142,22 @@ void wpacm_close(void* monitor_data) {
 
 bool wpacm_get_enable(void* monitor_data) {
     wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
-    return data != nullptr && data->enable_feature;
+    if (data == nullptr || !wpacm_enter_call()) {
+        return false;
+    }
+    bool enable = data->enable_feature;
+    wpacm_leave_call();
+    return enable;
 }
 
 std::string wpacm_get_wlan_interface(void* monitor_data) {
     wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
-    return data == nullptr ? std::string() : data->wlan_interface;
+    if (data == nullptr || !wpacm_enter_call()) {
+        return std::string();
+    }
+    std::string name = data->wlan_interface;
+    wpacm_leave_call();
+    return name;
 }
 
 static void wpacm_sleep_ms(int ms) {
