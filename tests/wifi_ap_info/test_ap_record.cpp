@@ -1,93 +1,192 @@
-// The AP record and the names under which security kinds are stored.
+// The AP record and the security names.
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "wifi_ap_info/wifi_ap_info.h"
 
-TEST(SecurityNames, TableHasEightRowsInOrder) {
-    const char* names[] = {"unknown", "none", "open", "wep", "wpa", "wpa2", "mixed", "anywpa"};
-    const int values[] = {0, 1, 1, 2, 9, 16, 17, 17};
-    for (int i = 0; i < WAPINFO_SECURITY_NAMES; i++) {
-        EXPECT_EQ(g_wifi_security_array[i].security_str, names[i]);
-        EXPECT_EQ(static_cast<int>(g_wifi_security_array[i].value), values[i]);
+namespace {
+
+wifi_ap_info filled_record() {
+    wifi_ap_info info;
+    info.network_id = 3;
+    info.bssid = "aa:bb:cc:dd:ee:ff";
+    info.ssid = "Office";
+    info.password = "secret99";
+    info.security = WIFI_SECURITY_WPA2_PSK_AES;
+    info.signal = -55;
+    info.priority = 4;
+    info.ascii_key = true;
+    info.wps = true;
+    info.saved = true;
+    info.in_range = true;
+    return info;
+}
+
+WiFi_Security kind_of(const char* name) {
+    WiFi_Security value = static_cast<WiFi_Security>(-99);
+    EXPECT_TRUE(wapinfo_security_from_name(name, &value)) << name;
+    return value;
+}
+
+std::string name_of(int value) {
+    const char* name = wapinfo_security_to_name(static_cast<WiFi_Security>(value));
+    return name == nullptr ? std::string("<none>") : std::string(name);
+}
+
+}  // namespace
+
+TEST(SecurityKinds, HaveTheirNumbers) {
+    EXPECT_EQ(WIFI_SECURITY_UNKNOWN, 0);
+    EXPECT_EQ(WIFI_SECURITY_NONE, 1);
+    EXPECT_EQ(WIFI_SECURITY_WEP, 2);
+    EXPECT_EQ(WIFI_SECURITY_WPA_PSK_TKIP, 3);
+    EXPECT_EQ(WIFI_SECURITY_WPA_PSK_AES, 4);
+    EXPECT_EQ(WIFI_SECURITY_WPA_PSK_TKIP_AES, 5);
+    EXPECT_EQ(WIFI_SECURITY_WPA_EAP_TKIP, 6);
+    EXPECT_EQ(WIFI_SECURITY_WPA_EAP_AES, 7);
+    EXPECT_EQ(WIFI_SECURITY_WPA_EAP_TKIP_AES, 8);
+    EXPECT_EQ(WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES, 9);
+    EXPECT_EQ(WIFI_SECURITY_WPA2_PSK_TKIP, 10);
+    EXPECT_EQ(WIFI_SECURITY_WPA2_PSK_AES, 11);
+    EXPECT_EQ(WIFI_SECURITY_WPA2_PSK_TKIP_AES, 12);
+    EXPECT_EQ(WIFI_SECURITY_WPA2_EAP_TKIP, 13);
+    EXPECT_EQ(WIFI_SECURITY_WPA2_EAP_AES, 14);
+    EXPECT_EQ(WIFI_SECURITY_WPA2_EAP_TKIP_AES, 15);
+    EXPECT_EQ(WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES, 16);
+    EXPECT_EQ(WIFI_SECURITY_ANY_WPA, 17);
+    EXPECT_EQ(sizeof(WiFi_Security), 4u);
+}
+
+TEST(SecurityNameTable, HasEightRowsInOrder) {
+    const struct {
+        const char* name;
+        WiFi_Security value;
+    } expected[] = {
+        {"unknown", WIFI_SECURITY_UNKNOWN},
+        {"none", WIFI_SECURITY_NONE},
+        {"open", WIFI_SECURITY_NONE},
+        {"wep", WIFI_SECURITY_WEP},
+        {"wpa", WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES},
+        {"wpa2", WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES},
+        {"mixed", WIFI_SECURITY_ANY_WPA},
+        {"anywpa", WIFI_SECURITY_ANY_WPA},
+    };
+    ASSERT_EQ(WIFI_SECURITY_NAME_COUNT, 8);
+    for (int row = 0; row < WIFI_SECURITY_NAME_COUNT; row++) {
+        EXPECT_STREQ(g_wifi_security_array[row].security_str, expected[row].name) << row;
+        EXPECT_EQ(g_wifi_security_array[row].value, expected[row].value) << row;
     }
 }
 
-TEST(SecurityNames, OpenAndNoneReadAsNoneInAnyCaseAndWriteAsNone) {
-    for (const char* name : {"open", "OPEN", "Open", "none", "NoNe"}) {
-        WiFi_Security s = WIFI_SECURITY_UNKNOWN;
-        ASSERT_TRUE(wapinfo_security_from_name(name, &s)) << name;
-        EXPECT_EQ(s, WIFI_SECURITY_NONE) << name;
+TEST(SecurityNameToKind, OpenInAnyCaseAndNoneReadAsNone) {
+    EXPECT_EQ(kind_of("open"), WIFI_SECURITY_NONE);
+    EXPECT_EQ(kind_of("OPEN"), WIFI_SECURITY_NONE);
+    EXPECT_EQ(kind_of("oPeN"), WIFI_SECURITY_NONE);
+    EXPECT_EQ(kind_of("none"), WIFI_SECURITY_NONE);
+    EXPECT_EQ(kind_of("None"), WIFI_SECURITY_NONE);
+}
+
+TEST(SecurityNameToKind, AnywpaInAnyCaseReadsAsAnyWpa) {
+    EXPECT_EQ(kind_of("anywpa"), WIFI_SECURITY_ANY_WPA);
+    EXPECT_EQ(kind_of("ANYWPA"), WIFI_SECURITY_ANY_WPA);
+    EXPECT_EQ(kind_of("AnyWpa"), WIFI_SECURITY_ANY_WPA);
+    EXPECT_EQ(kind_of("mixed"), WIFI_SECURITY_ANY_WPA);
+}
+
+TEST(SecurityNameToKind, GenerationNamesReadAsTheirUmbrellaKinds) {
+    EXPECT_EQ(kind_of("wep"), WIFI_SECURITY_WEP);
+    EXPECT_EQ(kind_of("WPA"), WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES);
+    EXPECT_EQ(kind_of("wpa2"), WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES);
+}
+
+TEST(SecurityNameToKind, UnknownReadsAsZero) {
+    EXPECT_EQ(kind_of("unknown"), WIFI_SECURITY_UNKNOWN);
+    EXPECT_EQ(kind_of("UNKNOWN"), WIFI_SECURITY_UNKNOWN);
+}
+
+TEST(SecurityNameToKind, NameOutsideTheTableHasNoKind) {
+    WiFi_Security value = WIFI_SECURITY_WEP;
+    EXPECT_FALSE(wapinfo_security_from_name("wpa3", &value));
+    EXPECT_FALSE(wapinfo_security_from_name("", &value));
+    EXPECT_FALSE(wapinfo_security_from_name(" open", &value));
+    EXPECT_FALSE(wapinfo_security_from_name(nullptr, &value));
+    EXPECT_EQ(value, WIFI_SECURITY_WEP);
+}
+
+TEST(SecurityKindToName, FirstRowWinsForSynonyms) {
+    EXPECT_EQ(name_of(WIFI_SECURITY_NONE), "none");
+    EXPECT_EQ(name_of(WIFI_SECURITY_ANY_WPA), "mixed");
+    EXPECT_EQ(name_of(WIFI_SECURITY_UNKNOWN), "unknown");
+    EXPECT_EQ(name_of(WIFI_SECURITY_WEP), "wep");
+    EXPECT_EQ(name_of(WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES), "wpa");
+    EXPECT_EQ(name_of(WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES), "wpa2");
+}
+
+TEST(SecurityKindToName, SpecificCiphersFallBackToTheirGeneration) {
+    for (int value = 3; value <= 8; value++) {
+        EXPECT_EQ(name_of(value), "wpa") << value;
     }
-    EXPECT_STREQ(wapinfo_security_name(WIFI_SECURITY_NONE), "none");
-}
-
-TEST(SecurityNames, AnywpaReadsAs17AndWritesAsMixed) {
-    for (const char* name : {"anywpa", "ANYWPA", "AnyWpa", "mixed", "MIXED"}) {
-        WiFi_Security s = WIFI_SECURITY_UNKNOWN;
-        ASSERT_TRUE(wapinfo_security_from_name(name, &s)) << name;
-        EXPECT_EQ(s, WIFI_SECURITY_ANY_WPA) << name;
+    for (int value = 10; value <= 15; value++) {
+        EXPECT_EQ(name_of(value), "wpa2") << value;
     }
-    EXPECT_STREQ(wapinfo_security_name(WIFI_SECURITY_ANY_WPA), "mixed");
 }
 
-TEST(SecurityNames, SpecificCipherIsWrittenByGeneration) {
-    EXPECT_STREQ(wapinfo_security_name(WIFI_SECURITY_WPA2_PSK_AES), "wpa2");
-    WiFi_Security s = WIFI_SECURITY_UNKNOWN;
-    ASSERT_TRUE(wapinfo_security_from_name("wpa2", &s));
-    EXPECT_EQ(s, WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES);
-    for (int v = 3; v <= 8; v++) {
-        EXPECT_STREQ(wapinfo_security_name(static_cast<WiFi_Security>(v)), "wpa") << v;
-    }
-    EXPECT_STREQ(wapinfo_security_name(WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES), "wpa");
-    for (int v = 10; v <= 15; v++) {
-        EXPECT_STREQ(wapinfo_security_name(static_cast<WiFi_Security>(v)), "wpa2") << v;
-    }
-    EXPECT_STREQ(wapinfo_security_name(WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES), "wpa2");
-    EXPECT_STREQ(wapinfo_security_name(WIFI_SECURITY_WEP), "wep");
+TEST(SecurityKindToName, Wpa2PskAesIsWrittenAsWpa2AndReadBackAsTheUmbrellaKind) {
+    EXPECT_EQ(name_of(WIFI_SECURITY_WPA2_PSK_AES), "wpa2");
+    EXPECT_EQ(kind_of(wapinfo_security_to_name(WIFI_SECURITY_WPA2_PSK_AES)),
+              WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES);
 }
 
-TEST(SecurityNames, UnknownReadsAsZeroAndOtherValuesHaveNoName) {
-    WiFi_Security s = WIFI_SECURITY_NONE;
-    ASSERT_TRUE(wapinfo_security_from_name("unknown", &s));
-    EXPECT_EQ(s, WIFI_SECURITY_UNKNOWN);
-    EXPECT_STREQ(wapinfo_security_name(WIFI_SECURITY_UNKNOWN), "unknown");
-    EXPECT_FALSE(wapinfo_security_from_name("wpa3", &s));
-    EXPECT_FALSE(wapinfo_security_from_name("", &s));
-    EXPECT_EQ(wapinfo_security_name(static_cast<WiFi_Security>(18)), nullptr);
-    EXPECT_EQ(wapinfo_security_name(static_cast<WiFi_Security>(-1)), nullptr);
+TEST(SecurityKindToName, ValuesOutsideTheKindsHaveNoName) {
+    EXPECT_EQ(name_of(18), "<none>");
+    EXPECT_EQ(name_of(-1), "<none>");
+    EXPECT_EQ(name_of(1000), "<none>");
 }
 
-TEST(ApRecord, ClearGivesZeroIdAndSignal) {
-    wifi_ap_info ap = {5, "b", "s", "p", WIFI_SECURITY_WEP, -1, 3, true, true, true, true};
-    clear_wifi_ap_info(&ap);
-    EXPECT_EQ(ap.network_id, 0);
-    EXPECT_EQ(ap.bssid, "");
-    EXPECT_EQ(ap.ssid, "");
-    EXPECT_EQ(ap.password, "");
-    EXPECT_EQ(ap.security, WIFI_SECURITY_UNKNOWN);
-    EXPECT_EQ(ap.signal, 0);
-    EXPECT_EQ(ap.priority, 0);
-    EXPECT_FALSE(ap.ascii_key);
-    EXPECT_FALSE(ap.wps);
-    EXPECT_FALSE(ap.saved);
-    EXPECT_FALSE(ap.in_range);
+TEST(ApRecord, ClearGivesZeroNetworkIdAndSignalAndEmptyFields) {
+    wifi_ap_info info = filled_record();
+    clear_wifi_ap_info(&info);
+    EXPECT_EQ(info.network_id, 0);
+    EXPECT_EQ(info.bssid, "");
+    EXPECT_EQ(info.ssid, "");
+    EXPECT_EQ(info.password, "");
+    EXPECT_EQ(info.security, WIFI_SECURITY_UNKNOWN);
+    EXPECT_EQ(info.signal, 0);
+    EXPECT_EQ(info.priority, 0);
+    EXPECT_FALSE(info.ascii_key);
+    EXPECT_FALSE(info.wps);
+    EXPECT_FALSE(info.saved);
+    EXPECT_FALSE(info.in_range);
 }
 
-TEST(ApRecord, CopyCopiesEveryField) {
-    wifi_ap_info src = {7,     "aa:bb", "net", "key", WIFI_SECURITY_ANY_WPA, 55, 2,
-                        false, true,    true,  false};
+TEST(ApRecord, CopyTakesEveryFieldAndOwnsItsStrings) {
+    wifi_ap_info src = filled_record();
     wifi_ap_info dst;
     clear_wifi_ap_info(&dst);
     copy_wifi_ap_info(&dst, &src);
-    EXPECT_EQ(dst.network_id, 7);
-    EXPECT_EQ(dst.bssid, "aa:bb");
-    EXPECT_EQ(dst.ssid, "net");
-    EXPECT_EQ(dst.password, "key");
-    EXPECT_EQ(dst.security, WIFI_SECURITY_ANY_WPA);
-    EXPECT_EQ(dst.signal, 55);
-    EXPECT_EQ(dst.priority, 2);
-    EXPECT_FALSE(dst.ascii_key);
+    EXPECT_EQ(dst.network_id, 3);
+    EXPECT_EQ(dst.bssid, "aa:bb:cc:dd:ee:ff");
+    EXPECT_EQ(dst.ssid, "Office");
+    EXPECT_EQ(dst.password, "secret99");
+    EXPECT_EQ(dst.security, WIFI_SECURITY_WPA2_PSK_AES);
+    EXPECT_EQ(dst.signal, -55);
+    EXPECT_EQ(dst.priority, 4);
+    EXPECT_TRUE(dst.ascii_key);
     EXPECT_TRUE(dst.wps);
     EXPECT_TRUE(dst.saved);
-    EXPECT_FALSE(dst.in_range);
+    EXPECT_TRUE(dst.in_range);
+    src.ssid = "Changed";
+    src.password.clear();
+    EXPECT_EQ(dst.ssid, "Office");
+    EXPECT_EQ(dst.password, "secret99");
+}
+
+TEST(ApRecord, NullRecordsAreIgnored) {
+    wifi_ap_info info = filled_record();
+    clear_wifi_ap_info(nullptr);
+    copy_wifi_ap_info(nullptr, &info);
+    copy_wifi_ap_info(&info, nullptr);
+    copy_wifi_ap_info(&info, &info);
+    EXPECT_EQ(info.ssid, "Office");
 }

@@ -1,10 +1,11 @@
-// The AP record and the names of the security kinds.
+// The AP/profile record and the short names of the security kinds.
 #include <strings.h>
 
 #include "wifi_ap_info.h"
 
-// Two synonym pairs: reading accepts both, writing gives the first.
-const wifi_security g_wifi_security_array[WAPINFO_SECURITY_NAMES] = {
+// A constant table needs no start-up or tear-down, so it can be used from
+// any thread and any static initialiser.
+const wifi_security g_wifi_security_array[WIFI_SECURITY_NAME_COUNT] = {
     {"unknown", WIFI_SECURITY_UNKNOWN},
     {"none", WIFI_SECURITY_NONE},
     {"open", WIFI_SECURITY_NONE},
@@ -16,6 +17,9 @@ const wifi_security g_wifi_security_array[WAPINFO_SECURITY_NAMES] = {
 };
 
 void clear_wifi_ap_info(wifi_ap_info* info) {
+    if (info == nullptr) {
+        return;
+    }
     info->network_id = 0;
     info->bssid.clear();
     info->ssid.clear();
@@ -29,32 +33,57 @@ void clear_wifi_ap_info(wifi_ap_info* info) {
     info->in_range = false;
 }
 
-void copy_wifi_ap_info(wifi_ap_info* dst, wifi_ap_info* src) {
+void copy_wifi_ap_info(wifi_ap_info* dst, const wifi_ap_info* src) {
+    if (dst == nullptr || src == nullptr || dst == src) {
+        return;
+    }
     *dst = *src;
 }
 
-bool wapinfo_security_from_name(const char* name, WiFi_Security* security) {
-    for (const auto& row : g_wifi_security_array) {
-        if (strcasecmp(row.security_str.c_str(), name) == 0) {
-            *security = row.value;
+bool wapinfo_security_from_name(const char* name, WiFi_Security* value) {
+    if (name == nullptr) {
+        return false;
+    }
+    for (const wifi_security& row : g_wifi_security_array) {
+        if (strcasecmp(name, row.security_str) == 0) {
+            if (value != nullptr) {
+                *value = row.value;
+            }
             return true;
         }
     }
     return false;
 }
 
-// The file keeps only the generation of a specific cipher suite.
-const char* wapinfo_security_name(WiFi_Security security) {
-    for (const auto& row : g_wifi_security_array) {
-        if (row.value == security) {
-            return row.security_str.c_str();
+static const char* wapinfo_first_name_of(WiFi_Security value) {
+    for (const wifi_security& row : g_wifi_security_array) {
+        if (row.value == value) {
+            return row.security_str;
         }
     }
-    if (security >= WIFI_SECURITY_WPA_PSK_TKIP && security <= WIFI_SECURITY_WPA_EAP_TKIP_AES) {
-        return "wpa";
-    }
-    if (security >= WIFI_SECURITY_WPA2_PSK_TKIP && security <= WIFI_SECURITY_WPA2_EAP_TKIP_AES) {
-        return "wpa2";
-    }
     return nullptr;
+}
+
+// A WPA or WPA2 kind with a specific cipher or key management has no name of
+// its own: the profile file keeps only its generation.
+static WiFi_Security wapinfo_generation_of(WiFi_Security value) {
+    if (value >= WIFI_SECURITY_WPA_PSK_TKIP && value <= WIFI_SECURITY_WPA_EAP_TKIP_AES) {
+        return WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES;
+    }
+    if (value >= WIFI_SECURITY_WPA2_PSK_TKIP && value <= WIFI_SECURITY_WPA2_EAP_TKIP_AES) {
+        return WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES;
+    }
+    return value;
+}
+
+const char* wapinfo_security_to_name(WiFi_Security value) {
+    const char* name = wapinfo_first_name_of(value);
+    if (name != nullptr) {
+        return name;
+    }
+    WiFi_Security generation = wapinfo_generation_of(value);
+    if (generation == value) {
+        return nullptr;
+    }
+    return wapinfo_first_name_of(generation);
 }

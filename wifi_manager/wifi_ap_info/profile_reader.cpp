@@ -1,99 +1,139 @@
-// Reading the profile file: station switch, IP settings, registered networks.
+// Reading the profile file: the station switch, the IP settings and the
+// numbered list of registered profiles.
+#include <limits.h>
 #include <stdio.h>
 #include <strings.h>
 
-#include <SimpleIni.h>
-
 #include "../fixed_paths.h"
+#include "profile_file.h"
 #include "wifi_ap_info.h"
 
-#define WAPINFO_KEY_SIZE 128
-
-static const char* wapinfo_value(const CSimpleIniA& ini, const char* format, int n,
-                                 const char* fallback) {
-    char key[WAPINFO_KEY_SIZE];
-    snprintf(key, sizeof(key), format, n);
-    return ini.GetValue("", key, fallback);
-}
-
-// A missing or unreadable file reads as every default and no profiles.
-static void wapinfo_load(CSimpleIniA* ini) {
+// Whatever cannot be loaded (no file, no permission, a directory, no memory)
+// leaves the INI object empty or partly filled, so every missing key simply
+// takes its default.
+static void wapinfo_load_profile_file(CSimpleIniA* ini) {
     FILE* fp = fopen(WIFIM_PROFILE_FILE, "rb");
-    if (fp != nullptr) {
-        ini->LoadFile(fp);
-        fclose(fp);
+    if (fp == nullptr) {
+        return;
     }
+    ini->LoadFile(fp);
+    fclose(fp);
 }
 
-// The static defaults apply only where DHCP does not provide the value.
+// Without DHCP the interface needs fixed addresses; a file that names none
+// gets the device's factory ones.
 static void wapinfo_read_network_setting(const CSimpleIniA& ini, wifi_network_setting* setting) {
-    setting->dhcp = ini.GetLongValue("", "wifi_dhcp", 1) != 0;
-    setting->dns_dhcp = ini.GetLongValue("", "wifi_dns_dhcp", 1) != 0;
-    bool dhcp = setting->dhcp;
-    bool dns_by_dhcp = setting->dhcp && setting->dns_dhcp;
-    setting->ip_addr = ini.GetValue("", "wifi_ip", dhcp ? "" : "192.168.0.201");
-    setting->gateway = ini.GetValue("", "wifi_gateway", dhcp ? "" : "192.168.0.1");
-    setting->netmask = ini.GetValue("", "wifi_netmask", dhcp ? "" : "255.255.255.0");
-    setting->dns_server1 = ini.GetValue("", "wifi_dns1", dns_by_dhcp ? "" : "8.8.8.8");
-    setting->dns_server2 = ini.GetValue("", "wifi_dns2", dns_by_dhcp ? "" : "8.8.8.8");
+    setting->dhcp = ini.GetLongValue(WAPINFO_SECTION, WAPINFO_KEY_DHCP, 1) != 0;
+    setting->dns_dhcp = ini.GetLongValue(WAPINFO_SECTION, WAPINFO_KEY_DNS_DHCP, 1) != 0;
+    bool static_ip = !setting->dhcp;
+    bool static_dns = !(setting->dhcp && setting->dns_dhcp);
+    setting->ip_addr =
+        ini.GetValue(WAPINFO_SECTION, WAPINFO_KEY_IP, static_ip ? WAPINFO_DEFAULT_IP : "");
+    setting->gateway = ini.GetValue(WAPINFO_SECTION, WAPINFO_KEY_GATEWAY,
+                                    static_ip ? WAPINFO_DEFAULT_GATEWAY : "");
+    setting->netmask = ini.GetValue(WAPINFO_SECTION, WAPINFO_KEY_NETMASK,
+                                    static_ip ? WAPINFO_DEFAULT_NETMASK : "");
+    setting->dns_server1 =
+        ini.GetValue(WAPINFO_SECTION, WAPINFO_KEY_DNS1, static_dns ? WAPINFO_DEFAULT_DNS : "");
+    setting->dns_server2 =
+        ini.GetValue(WAPINFO_SECTION, WAPINFO_KEY_DNS2, static_dns ? WAPINFO_DEFAULT_DNS : "");
 }
 
-// A repeated SSID updates the earlier entry instead of adding a second one.
-static void wapinfo_add_profile(std::vector<wifi_ap_info>* list, const wifi_ap_info& profile) {
+// The ordering works on int priorities; a number too large for one is taken
+// as the nearest one that fits rather than wrapping to a different sign.
+static int wapinfo_clamp_priority(long value) {
+    if (value > INT_MAX) {
+        return INT_MAX;
+    }
+    if (value < INT_MIN) {
+        return INT_MIN;
+    }
+    return static_cast<int>(value);
+}
+
+// A key form other than "ascii" means hexadecimal digits; an empty or
+// missing one means text, the common case.
+static bool wapinfo_is_ascii_encode(const char* encode) {
+    return encode[0] == '\0' || strcasecmp(encode, WAPINFO_ENCODE_ASCII) == 0;
+}
+
+static wifi_ap_info* wapinfo_find_ssid(std::vector<wifi_ap_info>* list, const char* ssid) {
     for (wifi_ap_info& entry : *list) {
-        if (entry.ssid == profile.ssid) {
-            entry.password = profile.password;
-            entry.security = profile.security;
-            entry.priority = profile.priority;
-            entry.ascii_key = profile.ascii_key;
-            entry.saved = true;
-            return;
+        if (entry.ssid == ssid) {
+            return &entry;
         }
     }
-    list->push_back(profile);
+    return nullptr;
 }
 
-static void wapinfo_read_profiles(const CSimpleIniA& ini, std::vector<wifi_ap_info>* list) {
-    for (int n = 1;; n++) {
-        const char* ssid = wapinfo_value(ini, "ssid_%d", n, nullptr);
-        const char* security_name = wapinfo_value(ini, "security_%d", n, nullptr);
-        // A profile without its password or encoding key reads them as empty.
-        const char* password = wapinfo_value(ini, "passwd_%d", n, "");
-        const char* encode = wapinfo_value(ini, "passwd_encode_%d", n, "");
-        char key[WAPINFO_KEY_SIZE];
-        snprintf(key, sizeof(key), "priority_%d", n);
-        long priority = ini.GetLongValue("", key, -1);
+// A later number with the same SSID overrides the earlier one in place, so
+// the list keeps one entry per network at the position first given to it.
+static void wapinfo_store_profile(std::vector<wifi_ap_info>* list, const char* ssid,
+                                  const char* password, WiFi_Security security, int priority,
+                                  bool ascii_key) {
+    wifi_ap_info* known = wapinfo_find_ssid(list, ssid);
+    if (known != nullptr) {
+        known->password = password;
+        known->security = security;
+        known->priority = priority;
+        known->ascii_key = ascii_key;
+        known->saved = true;
+        return;
+    }
+    wifi_ap_info entry;
+    entry.network_id = -1;
+    entry.ssid = ssid;
+    entry.password = password;
+    entry.security = security;
+    entry.signal = -1;
+    entry.priority = priority;
+    entry.ascii_key = ascii_key;
+    entry.wps = false;
+    entry.saved = true;
+    entry.in_range = false;
+    list->push_back(entry);
+}
+
+// Profiles are numbered from 1 without gaps: the first number without an
+// SSID or security name ends the list. A security name this device does not
+// know makes only that one profile unusable.
+static void wapinfo_read_profile_list(const CSimpleIniA& ini, std::vector<wifi_ap_info>* list) {
+    for (int n = 1; n < INT_MAX; n++) {
+        wapinfo_profile_keys keys;
+        wapinfo_format_profile_keys(n, &keys);
+        const char* ssid = ini.GetValue(WAPINFO_SECTION, keys.ssid, nullptr);
+        const char* security_name = ini.GetValue(WAPINFO_SECTION, keys.security, nullptr);
+        const char* password = ini.GetValue(WAPINFO_SECTION, keys.passwd, "");
+        const char* encode = ini.GetValue(WAPINFO_SECTION, keys.passwd_encode, "");
+        long priority = ini.GetLongValue(WAPINFO_SECTION, keys.priority, WAPINFO_DEFAULT_PRIORITY);
         if (ssid == nullptr || ssid[0] == '\0' || security_name == nullptr ||
             security_name[0] == '\0') {
-            return;  // the list ends at the first gap
+            return;
         }
         WiFi_Security security = WIFI_SECURITY_UNKNOWN;
         if (!wapinfo_security_from_name(security_name, &security) ||
             security == WIFI_SECURITY_UNKNOWN) {
-            continue;  // not usable, but later numbers still count
+            continue;
         }
-        wifi_ap_info profile;
-        clear_wifi_ap_info(&profile);
-        profile.network_id = -1;
-        profile.ssid = ssid;
-        profile.password = password;
-        profile.security = security;
-        profile.signal = -1;
-        profile.priority = static_cast<int>(priority);
-        profile.ascii_key = encode[0] == '\0' || strcasecmp(encode, "ascii") == 0;
-        profile.saved = true;
-        wapinfo_add_profile(list, profile);
+        wapinfo_store_profile(list, ssid, password, security, wapinfo_clamp_priority(priority),
+                              wapinfo_is_ascii_encode(encode));
     }
 }
 
 void wapinfo_read_profile(bool* enable_feature, std::vector<wifi_ap_info>* ap_info_vector,
                           wifi_network_setting* wifi_net_setting) {
-    ap_info_vector->clear();
+    if (ap_info_vector != nullptr) {
+        ap_info_vector->clear();
+    }
     CSimpleIniA ini;
-    wapinfo_load(&ini);
-    *enable_feature = ini.GetBoolValue("", "wifi_station_enable", true);
+    wapinfo_load_profile_file(&ini);
+    if (enable_feature != nullptr) {
+        *enable_feature = ini.GetBoolValue(WAPINFO_SECTION, WAPINFO_KEY_STATION_ENABLE, true);
+    }
     if (wifi_net_setting != nullptr) {
         wapinfo_read_network_setting(ini, wifi_net_setting);
     }
-    wapinfo_read_profiles(ini, ap_info_vector);
+    if (ap_info_vector != nullptr) {
+        wapinfo_read_profile_list(ini, ap_info_vector);
+    }
 }

@@ -1,97 +1,124 @@
-// Writing the whole profile file anew.
+// Writing the profile file: the whole file is rebuilt from the caller's
+// settings and list, so keys the program no longer knows are dropped.
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <SimpleIni.h>
+#include <string>
 
 #include "../fixed_paths.h"
+#include "profile_file.h"
 #include "wifi_ap_info.h"
 
-#define WAPINFO_KEY_SIZE 128
-#define WAPINFO_SAVE_ATTEMPTS 5
-
-static void wapinfo_set(CSimpleIniA* ini, const char* format, int n, const char* value) {
-    char key[WAPINFO_KEY_SIZE];
-    snprintf(key, sizeof(key), format, n);
-    ini->SetValue("", key, value);
+// The text of a value as it goes into the file. The file is line-based with
+// no escapes: a line break inside a value would end the line early and let
+// the rest of the value pose as a key of its own (an SSID could then forge
+// another profile), so each one is stored as a blank. A NUL byte ends the
+// value, as it does for every C string the file is built from.
+static std::string wapinfo_file_value(const std::string& value) {
+    std::string text(value.c_str());
+    for (char& c : text) {
+        if (c == '\n' || c == '\r') {
+            c = ' ';
+        }
+    }
+    return text;
 }
 
-// A line break inside a value would end its line and could smuggle keys
-// into the file, so such a profile cannot be stored in it.
-static bool wapinfo_storable(const wifi_ap_info& profile) {
-    return profile.ssid.find_first_of("\r\n") == std::string::npos &&
-           profile.password.find_first_of("\r\n") == std::string::npos;
+// The reader drops blanks at both ends of a value, so this is what it
+// will get back as empty.
+static bool wapinfo_reads_back_empty(const std::string& text) {
+    return text.find_first_not_of(" \t\r\n") == std::string::npos;
 }
 
-static void wapinfo_set_network_setting(CSimpleIniA* ini, const wifi_network_setting& setting) {
-    ini->SetLongValue("", "wifi_dhcp", setting.dhcp ? 1 : 0);
-    ini->SetLongValue("", "wifi_dns_dhcp", setting.dns_dhcp ? 1 : 0);
-    ini->SetValue("", "wifi_ip", setting.ip_addr.c_str());
-    ini->SetValue("", "wifi_gateway", setting.gateway.c_str());
-    ini->SetValue("", "wifi_netmask", setting.netmask.c_str());
-    ini->SetValue("", "wifi_dns1", setting.dns_server1.c_str());
-    ini->SetValue("", "wifi_dns2", setting.dns_server2.c_str());
+static void wapinfo_put_text(CSimpleIniA* ini, const char* key, const std::string& value) {
+    ini->SetValue(WAPINFO_SECTION, key, wapinfo_file_value(value).c_str());
 }
 
-// Profiles are numbered from 1 without gaps; one that has no security name
-// is left out and takes no number.
-static void wapinfo_set_profiles(CSimpleIniA* ini, const std::vector<wifi_ap_info>& list) {
+// The order of insertion is the order of the lines in the file.
+static void wapinfo_put_station_settings(CSimpleIniA* ini, bool enable_feature,
+                                         const wifi_network_setting& setting) {
+    ini->SetValue(WAPINFO_SECTION, WAPINFO_KEY_STATION_ENABLE, enable_feature ? "true" : "false");
+    ini->SetLongValue(WAPINFO_SECTION, WAPINFO_KEY_DHCP, setting.dhcp ? 1 : 0);
+    ini->SetLongValue(WAPINFO_SECTION, WAPINFO_KEY_DNS_DHCP, setting.dns_dhcp ? 1 : 0);
+    wapinfo_put_text(ini, WAPINFO_KEY_IP, setting.ip_addr);
+    wapinfo_put_text(ini, WAPINFO_KEY_GATEWAY, setting.gateway);
+    wapinfo_put_text(ini, WAPINFO_KEY_NETMASK, setting.netmask);
+    wapinfo_put_text(ini, WAPINFO_KEY_DNS1, setting.dns_server1);
+    wapinfo_put_text(ini, WAPINFO_KEY_DNS2, setting.dns_server2);
+}
+
+// An entry is left out, without using up a number, when its security has no
+// name the file can hold, or when its SSID would read back empty: the reader
+// ends the list at the first number without an SSID, which would hide every
+// profile after it.
+static bool wapinfo_is_storable(const wifi_ap_info& entry, const char** security_name) {
+    *security_name = wapinfo_security_to_name(entry.security);
+    return *security_name != nullptr && !wapinfo_reads_back_empty(wapinfo_file_value(entry.ssid));
+}
+
+static void wapinfo_put_profile(CSimpleIniA* ini, int n, const wifi_ap_info& entry,
+                                const char* security_name) {
+    wapinfo_profile_keys keys;
+    wapinfo_format_profile_keys(n, &keys);
+    wapinfo_put_text(ini, keys.ssid, entry.ssid);
+    ini->SetValue(WAPINFO_SECTION, keys.security, security_name);
+    wapinfo_put_text(ini, keys.passwd, entry.password);
+    ini->SetValue(WAPINFO_SECTION, keys.passwd_encode,
+                  entry.ascii_key ? WAPINFO_ENCODE_ASCII : WAPINFO_ENCODE_HEX);
+    ini->SetLongValue(WAPINFO_SECTION, keys.priority, entry.priority);
+}
+
+// Every entry is written whether or not it is marked saved.
+static void wapinfo_put_profiles(CSimpleIniA* ini, const std::vector<wifi_ap_info>& list) {
     int n = 1;
-    for (const wifi_ap_info& profile : list) {
-        const char* name = wapinfo_security_name(profile.security);
-        if (name == nullptr || !wapinfo_storable(profile)) {
+    for (const wifi_ap_info& entry : list) {
+        const char* security_name = nullptr;
+        if (!wapinfo_is_storable(entry, &security_name)) {
             continue;
         }
-        wapinfo_set(ini, "ssid_%d", n, profile.ssid.c_str());
-        wapinfo_set(ini, "security_%d", n, name);
-        wapinfo_set(ini, "passwd_%d", n, profile.password.c_str());
-        wapinfo_set(ini, "passwd_encode_%d", n, profile.ascii_key ? "ascii" : "hex");
-        char key[WAPINFO_KEY_SIZE];
-        snprintf(key, sizeof(key), "priority_%d", n);
-        ini->SetLongValue("", key, profile.priority);
+        wapinfo_put_profile(ini, n, entry, security_name);
         n++;
     }
 }
 
-std::string wapinfo_profile_text(bool enable_feature,
-                                 const std::vector<wifi_ap_info>& ap_info_vector,
-                                 const wifi_network_setting& wifi_net_setting) {
-    CSimpleIniA ini;
-    ini.SetValue("", "wifi_station_enable", enable_feature ? "true" : "false");
-    wapinfo_set_network_setting(&ini, wifi_net_setting);
-    wapinfo_set_profiles(&ini, ap_info_vector);
-    std::string text;
-    ini.Save(text);
-    return text;
-}
-
-static bool wapinfo_save_once(const std::string& text) {
+// A write error can first show when the buffer is flushed, so the close
+// counts as part of the save.
+static bool wapinfo_save_once(const CSimpleIniA& ini) {
     FILE* fp = fopen(WIFIM_PROFILE_FILE, "wb");
     if (fp == nullptr) {
         return false;
     }
-    bool written = fwrite(text.data(), 1, text.size(), fp) == text.size();
-    return (fclose(fp) == 0) && written;
+    bool ok = ini.SaveFile(fp) == SI_OK;
+    ok = ferror(fp) == 0 && ok;
+    ok = fclose(fp) == 0 && ok;
+    return ok;
+}
+
+static void wapinfo_save_profile_file(const CSimpleIniA& ini) {
+    for (int attempt = 1; attempt <= WAPINFO_SAVE_ATTEMPTS; attempt++) {
+        if (wapinfo_save_once(ini)) {
+            return;
+        }
+        int pause_ms = WAPINFO_SAVE_RETRY_MIN_MS + rand() % WAPINFO_SAVE_RETRY_SPREAD_MS;
+        usleep(static_cast<useconds_t>(pause_ms) * 1000);
+    }
 }
 
 void wapinfo_update_profile_to_user_setting(bool enable_feature,
                                             std::vector<wifi_ap_info>* ap_info_vector,
                                             wifi_network_setting* wifi_net_setting) {
-    wifi_network_setting setting;
+    wifi_network_setting kept_setting;
     if (wifi_net_setting == nullptr) {
-        // Keep the IP settings the file holds now.
-        bool ignored_enable = true;
-        std::vector<wifi_ap_info> ignored_list;
-        wapinfo_read_profile(&ignored_enable, &ignored_list, &setting);
-    } else {
-        setting = *wifi_net_setting;
+        bool scratch_enable = true;
+        std::vector<wifi_ap_info> scratch_list;
+        wapinfo_read_profile(&scratch_enable, &scratch_list, &kept_setting);
+        wifi_net_setting = &kept_setting;
     }
-    std::string text = wapinfo_profile_text(enable_feature, *ap_info_vector, setting);
-    for (int attempt = 0; attempt < WAPINFO_SAVE_ATTEMPTS; attempt++) {
-        if (wapinfo_save_once(text)) {
-            return;
-        }
-        usleep(static_cast<useconds_t>(rand() % 151 + 50) * 1000);
+    CSimpleIniA ini;
+    wapinfo_put_station_settings(&ini, enable_feature, *wifi_net_setting);
+    if (ap_info_vector != nullptr) {
+        wapinfo_put_profiles(&ini, *ap_info_vector);
     }
+    wapinfo_save_profile_file(ini);
 }

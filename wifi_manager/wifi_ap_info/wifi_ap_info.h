@@ -1,5 +1,7 @@
-// Profile store: the AP record, the security kinds and their names, the
-// profile file, and the ordering of the registered profiles by priority.
+// Profile store: the AP/profile record, the security kinds and their short
+// names, the profile file that holds the station's settings, and the ordering
+// of the registered profiles by priority. Nothing here logs or locks; the
+// callers serialise access to a shared list and to the file.
 #pragma once
 
 #include <stdint.h>
@@ -7,6 +9,8 @@
 #include <string>
 #include <vector>
 
+// Every security kind the station knows. Values 9 and 16 stand for all key
+// managements and ciphers of WPA and WPA2, 17 for WPA or WPA2 of any kind.
 enum WiFi_Security : int32_t {
     WIFI_SECURITY_UNKNOWN = 0,
     WIFI_SECURITY_NONE = 1,
@@ -28,41 +32,48 @@ enum WiFi_Security : int32_t {
     WIFI_SECURITY_ANY_WPA = 17,
 };
 
-// An access point seen in a scan, or a registered profile.
+// One access point from a scan or one registered profile; passed by value.
 struct wifi_ap_info {
-    int network_id;  // wpa_supplicant's id; -1 when none
-    std::string bssid;
-    std::string ssid;  // a profile's identity, case-sensitive
+    int network_id = 0;  // wpa_supplicant's id; -1 for a profile fresh from the file
+    std::string bssid;   // empty for a profile
+    std::string ssid;    // a profile's identity, matched exactly
     std::string password;
-    WiFi_Security security;
-    int signal;    // percent; -1 for a profile not seen
-    int priority;  // 1, 2, ... in order; 0 or below: outside the ordering
-    bool ascii_key;
-    bool wps;
-    bool saved;
-    bool in_range;
+    WiFi_Security security = WIFI_SECURITY_UNKNOWN;
+    int signal = 0;          // -1 for a profile not seen in a scan
+    int priority = 0;        // 1, 2, ... take part in the ordering; 0 and below do not
+    bool ascii_key = false;  // key is text rather than hexadecimal digits
+    bool wps = false;
+    bool saved = false;  // a registered profile
+    bool in_range = false;
 };
 
-void clear_wifi_ap_info(wifi_ap_info* info);
-void copy_wifi_ap_info(wifi_ap_info* dst, wifi_ap_info* src);
-
-// One row of the names under which security kinds are stored.
+// One row of the security name table.
 struct wifi_security {
-    std::string security_str;
+    const char* security_str;
     WiFi_Security value;
 };
-#define WAPINFO_SECURITY_NAMES 8
-extern const wifi_security g_wifi_security_array[WAPINFO_SECURITY_NAMES];
 
-// Name to kind, ignoring case; false for a name with no row.
-bool wapinfo_security_from_name(const char* name, WiFi_Security* security);
-// Kind to name (first row wins, then by generation); null when it has none.
-const char* wapinfo_security_name(WiFi_Security security);
+// The names under which security kinds are stored in the profile file. The
+// table has synonyms ("none"/"open", "mixed"/"anywpa"), so the first row
+// holding a kind is the name it is written under.
+#define WIFI_SECURITY_NAME_COUNT 8
+extern const wifi_security g_wifi_security_array[WIFI_SECURITY_NAME_COUNT];
 
-// IP settings of the station interface.
+// Network id and signal become 0 here, not -1.
+void clear_wifi_ap_info(wifi_ap_info* info);
+void copy_wifi_ap_info(wifi_ap_info* dst, const wifi_ap_info* src);
+
+// Name to kind, ignoring case. False when no row has that name; "unknown" is
+// found and gives WIFI_SECURITY_UNKNOWN.
+bool wapinfo_security_from_name(const char* name, WiFi_Security* value);
+// Kind to name: the first row holding the kind, else the generation's name
+// ("wpa" for 3..8, "wpa2" for 10..15). Null for a kind that has no name.
+const char* wapinfo_security_to_name(WiFi_Security value);
+
+// The interface's IP settings as stored in the profile file.
 struct wifi_network_setting {
-    bool dhcp;
-    bool dns_dhcp;
+    bool dhcp = false;
+    bool dns_dhcp = false;
     std::string ip_addr;
     std::string netmask;
     std::string gateway;
@@ -70,14 +81,28 @@ struct wifi_network_setting {
     std::string dns_server2;
 };
 
+// Loads the station switch, the registered profiles (in file order) and,
+// when wifi_net_setting is not null, the IP settings. A missing, unreadable
+// or damaged file reads as the defaults plus whatever profiles it still
+// holds. A profile whose key or key form is missing reads with an empty key
+// taken as text.
 void wapinfo_read_profile(bool* enable_feature, std::vector<wifi_ap_info>* ap_info_vector,
                           wifi_network_setting* wifi_net_setting);
+
+// Rewrites the whole profile file; a null wifi_net_setting keeps the IP
+// settings the file holds now. Profiles are numbered in list order; one
+// whose security has no name is left out. Values are single lines: a line
+// break in a value is stored as a blank, so that it cannot end the line and
+// start a key of its own. Blanks at either end of a value do not survive a
+// read, so a profile whose SSID is empty or only blanks is left out: it
+// would end the list for every profile after it. Gives up silently after
+// five failed attempts to save.
 void wapinfo_update_profile_to_user_setting(bool enable_feature,
                                             std::vector<wifi_ap_info>* ap_info_vector,
                                             wifi_network_setting* wifi_net_setting);
-// The file text the writer saves, for the given contents.
-std::string wapinfo_profile_text(bool enable_feature,
-                                 const std::vector<wifi_ap_info>& ap_info_vector,
-                                 const wifi_network_setting& wifi_net_setting);
 
-void wapinfo_reindex_ap_list(std::vector<wifi_ap_info>& ap_info_vector, bool resort_lsit);
+// Renumbers the profiles with a priority of 1 or more as 1, 2, 3, ... in the
+// order of their old priorities; 0 and below keep theirs. With resort_lsit
+// the list is also put into that order (profiles outside the ordering
+// first); without it only the numbers change.
+void wapinfo_reindex_ap_list(std::vector<wifi_ap_info>* ap_info_vector, bool resort_lsit);

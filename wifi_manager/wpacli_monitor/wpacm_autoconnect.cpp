@@ -50,7 +50,7 @@ int wpacm_choose_profile(wpacm_loop_state* loop) {
         WPACM_LOG(LOG_Warn, "Scan result is empty!!");
         return WPACM_CHOICE_NO_SCAN;
     }
-    wapinfo_reindex_ap_list(profiles, true);
+    wapinfo_reindex_ap_list(&profiles, true);
     int result = WPACM_CHOICE_NO_PROFILE;
     for (const wifi_ap_info& profile : profiles) {
         if (profile.priority < 1 || wpacm_entry_for_profile(data, profile, skip_bssid) == nullptr) {

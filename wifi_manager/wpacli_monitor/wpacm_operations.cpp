@@ -119,7 +119,7 @@ static void wpacm_demote_profile(wpacli_monitor_data* data, const std::string& s
         }
     }
     if (changed) {
-        wapinfo_reindex_ap_list(list, true);
+        wapinfo_reindex_ap_list(&list, true);
         wpacm_save_profiles(data);
     }
 }
@@ -189,7 +189,7 @@ bool wpacm_remove_ssid(void* monitor_data, const std::string& ssid, WiFi_Securit
     for (auto it = list.begin(); it != list.end(); ++it) {
         if (it->ssid == ssid && wpacm_is_same_security(security, it->security)) {
             list.erase(it);
-            wapinfo_reindex_ap_list(list, true);
+            wapinfo_reindex_ap_list(&list, true);
             wpacm_save_profiles(data);
             break;
         }
@@ -215,7 +215,7 @@ void wpacm_get_register_profile(void* monitor_data,
 
 static void wpacm_reorder_and_trim(wpacli_monitor_data* data) {
     std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;
-    wapinfo_reindex_ap_list(list, true);
+    wapinfo_reindex_ap_list(&list, true);
     while (list.size() > static_cast<unsigned>(data->max_bound_wifiap_info)) {
         list.pop_back();
     }

@@ -76,7 +76,7 @@ static void wpacm_load_registered_profiles(wpacli_monitor_data* data) {
     std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;
     wapinfo_read_profile(&enable, &list, nullptr);
     data->enable_feature = enable;
-    wapinfo_reindex_ap_list(list, true);
+    wapinfo_reindex_ap_list(&list, true);
     // A negative bound, compared as unsigned, keeps everything.
     while (list.size() > static_cast<unsigned>(data->max_bound_wifiap_info)) {
         list.pop_back();
