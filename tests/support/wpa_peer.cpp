@@ -1,7 +1,11 @@
 #include "wpa_peer.h"
 
 #include <signal.h>
+#include <stdio.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "test_support.h"
@@ -41,6 +45,60 @@ bool start_wired_wpa_supplicant(wpa_peer* peer, const std::string& interface,
 void stop_wpa_peer(wpa_peer* peer) {
     stop_process(peer->pid);
     peer->pid = -1;
+}
+
+static const char* kSimCommands = "/tmp/wpa_sim.commands";
+
+bool start_simulator(wpa_peer* peer, const std::string& world_text, const std::string& interface) {
+    peer->interface = interface;
+    peer->ctrl_dir = "/tmp/wpa_ctrl";
+    peer->config = "/tmp/wpa_supplicant.conf";
+    mkdir(peer->ctrl_dir.c_str(), 0700);
+    write_file(peer->config, "ctrl_interface=" + peer->ctrl_dir + "\nupdate_config=1\n");
+    write_file("/tmp/wpa_sim.world", world_text);
+    peer->pid = spawn_process(
+        {WIFIM_BUILD_DIR "/tests/wpa_sim/wpa_sim", "-p", peer->ctrl_dir, "-i", interface, "-w",
+         "/tmp/wpa_sim.world", "-c", peer->config, "-l", kSimCommands},
+        "/tmp/wpa_sim.out");
+    return wait_until([peer] { return wpa_cli(*peer, {"PING"}) == "PONG\n"; }, 10000);
+}
+
+std::string sim_control(const wpa_peer& peer, const std::string& control) {
+    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    struct sockaddr_un local = {};
+    local.sun_family = AF_UNIX;
+    snprintf(local.sun_path, sizeof(local.sun_path), "/tmp/sim_control.%d", getpid());
+    unlink(local.sun_path);
+    bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local));
+    struct sockaddr_un to = {};
+    to.sun_family = AF_UNIX;
+    snprintf(to.sun_path, sizeof(to.sun_path), "%s/%s.sim", peer.ctrl_dir.c_str(),
+             peer.interface.c_str());
+    sendto(fd, control.data(), control.size(), 0, reinterpret_cast<struct sockaddr*>(&to),
+           sizeof(to));
+    struct timeval tv = {3, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    char buf[4096];
+    ssize_t n = recv(fd, buf, sizeof(buf), 0);
+    close(fd);
+    unlink(local.sun_path);
+    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
+}
+
+std::vector<std::string> sim_commands() {
+    std::vector<std::string> out;
+    for (const std::string& line : split_lines(read_file(kSimCommands))) {
+        size_t tab = line.find('\t');
+        std::string command = line.substr(0, tab);
+        out.push_back(command == "EVENT" && tab != std::string::npos
+                          ? "EVENT " + line.substr(tab + 1)
+                          : command);
+    }
+    return out;
+}
+
+void clear_sim_commands() {
+    unlink(kSimCommands);
 }
 
 void install_recording_scripts() {

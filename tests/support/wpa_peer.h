@@ -26,6 +26,20 @@ bool start_wired_wpa_supplicant(wpa_peer* peer, const std::string& interface = "
                                 const std::string& extra_config = "");
 void stop_wpa_peer(wpa_peer* peer);
 
+// The simulator (tests/wpa_sim) with the radio world described by
+// world_text (lines "ap <bssid> <freq> <level> <flags> key=<k> wps=<pbc|pin|->
+// [reject] ssid=<ssid>", and "connect_delay_ms N" and the like). Its
+// command log is /tmp/wpa_sim.commands.
+bool start_simulator(wpa_peer* peer, const std::string& world_text,
+                     const std::string& interface = "wlan0");
+// Sends a test control (RELOAD, AP ..., CLEAR_APS, DROP [reason], EVENT <text>,
+// FAULT <COMMAND> FAIL|SILENT|NONE, CRASH, STATE) and returns the reply.
+std::string sim_control(const wpa_peer& peer, const std::string& control);
+// Commands the simulator received, in order, without their replies; events
+// it sent are listed as "EVENT <text>".
+std::vector<std::string> sim_commands();
+void clear_sim_commands();
+
 // One command through the real wpa_cli; returns its output.
 std::string wpa_cli(const wpa_peer& peer, const std::vector<std::string>& command);
 
