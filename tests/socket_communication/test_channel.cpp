@@ -250,6 +250,8 @@ TEST_F(Channel, ServiceThreadRetiresAfterItsHundredAndFirstConnection) {
 TEST_F(Channel, MalformedFramesLeakNoDescriptor) {
     start();
     ASSERT_EQ(request("warm"), "echo:warm");
+    // The server closes its side of "warm" just after answering.
+    usleep(300000);
     int before = open_fd_count();
     for (int i = 0; i < 50; i++) {
         int fd = raw_connect();
@@ -258,7 +260,7 @@ TEST_F(Channel, MalformedFramesLeakNoDescriptor) {
     }
     ASSERT_EQ(request("after"), "echo:after");
     // The server closes its side just after answering.
-    EXPECT_TRUE(wifim_test::wait_until([before] { return open_fd_count() == before; }, 2000))
+    EXPECT_TRUE(wifim_test::wait_until([before] { return open_fd_count() <= before; }, 2000))
         << open_fd_count() << " descriptors open, " << before << " before";
 }
 
