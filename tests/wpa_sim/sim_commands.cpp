@@ -155,7 +155,6 @@ static std::string sim_remove_network(const std::string& which) {
     if (which == "all") {
         sim_forget_current_if(-1);
         g_sim.networks.clear();
-        g_sim.next_network_id = 0;
         return "OK\n";
     }
     sim_network* n = sim_find_network(which);
@@ -224,8 +223,12 @@ static std::string sim_dispatch(const std::string& command, const sim_client& fr
     if (verb == "LIST_NETWORKS")
         return sim_list_networks();
     if (verb == "ADD_NETWORK") {
+        // wpa_supplicant gives the lowest id not in use.
         sim_network n;
-        n.id = g_sim.next_network_id++;
+        n.id = 0;
+        while (sim_find_network(std::to_string(n.id)) != nullptr) {
+            n.id++;
+        }
         g_sim.networks.push_back(n);
         return std::to_string(n.id) + "\n";
     }

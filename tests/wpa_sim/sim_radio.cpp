@@ -172,7 +172,13 @@ void sim_start_connect() {
 // The network a WPS exchange hands over: the AP's SSID and key.
 static sim_network sim_network_from_wps(const sim_ap& ap) {
     sim_network n;
-    n.id = g_sim.next_network_id++;
+    n.id = 0;
+    for (bool taken = true; taken; n.id += taken ? 1 : 0) {
+        taken = false;
+        for (const sim_network& other : g_sim.networks) {
+            taken = taken || other.id == n.id;
+        }
+    }
     n.enabled = true;
     n.vars["ssid"] = "\"" + ap.ssid + "\"";
     if (!sim_ap_is_open(ap)) {

@@ -52,7 +52,6 @@ struct sim_state {
     std::vector<sim_client> attached;
     std::vector<sim_ap> aps;
     std::vector<sim_network> networks;
-    int next_network_id = 0;
     int connect_delay_ms = 100;
     int scan_delay_ms = 200;
     int wps_delay_ms = 300;
