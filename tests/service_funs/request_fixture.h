@@ -9,7 +9,7 @@
 #include "test_support.h"
 #include "wpa_peer.h"
 
-static const char* kDefaultWorld =
+[[maybe_unused]] static const char* kDefaultWorld =
     "scan_delay_ms 50\n"
     "connect_delay_ms 30\n"
     "wps_delay_ms 50\n"
@@ -63,6 +63,6 @@ static inline std::string command_answer(const char* root, int result, int enabl
            "</enable>\n</" + root + ">\n";
 }
 
-static const char* kUnknownAnswer =
+[[maybe_unused]] static const char* kUnknownAnswer =
     "<?xml version=\"1.0\" encoding=\"UTF-8\" ?><wifi_api>\n<result>-999</result>\n"
     "<result_str>unknow function</result_str>\n</wifi_api>";
