@@ -1,0 +1,530 @@
+// The service loop, the connect and WPS procedures and the operations,
+// in-process against the simulator.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "test_support.h"
+#include "wpa_peer.h"
+#include "wpacli_monitor/wpacli_monitor.h"
+#include "wpacli_monitor/wpacm_service_loop.h"
+
+using wifim_test::sim_commands;
+using wifim_test::sim_control;
+
+static const char* kWorld =
+    "scan_delay_ms 50\n"
+    "connect_delay_ms 30\n"
+    "wps_delay_ms 50\n"
+    "ap 00:11:22:33:44:55 2437 -65 [WPA2-PSK-CCMP][WPS][ESS] key=secret123 wps=pbc ssid=home\n"
+    "ap 00:11:22:33:44:66 2412 -40 [ESS] key=- wps=- ssid=cafe\n"
+    "ap 00:11:22:33:44:77 2462 -70 [WEP][ESS] key=12345 wps=- ssid=old\n";
+
+static wifi_ap_info ap(const std::string& ssid, WiFi_Security security,
+                       const std::string& password = "", int priority = 1, bool ascii = true) {
+    wifi_ap_info a;
+    clear_wifi_ap_info(&a);
+    a.network_id = -1;
+    a.ssid = ssid;
+    a.security = security;
+    a.password = password;
+    a.priority = priority;
+    a.ascii_key = ascii;
+    a.saved = true;
+    return a;
+}
+
+// Commands of the log from the first one starting with `from`.
+static std::vector<std::string> commands_from(const std::string& from) {
+    std::vector<std::string> all = sim_commands();
+    std::vector<std::string> out;
+    bool on = false;
+    for (const std::string& c : all) {
+        on = on || c.rfind(from, 0) == 0;
+        if (on && c.rfind("EVENT", 0) != 0) {
+            out.push_back(c);
+        }
+    }
+    return out;
+}
+
+static bool has(const std::vector<std::string>& list, const std::string& item) {
+    return std::find(list.begin(), list.end(), item) != list.end();
+}
+
+class ServiceLoop : public ::testing::Test {
+  protected:
+    void start(const std::string& profile = "", const std::string& world = kWorld,
+               bool run_loop = true) {
+        wifim_test::install_recording_scripts();
+        if (!profile.empty()) {
+            wifim_test::write_file("/www/nvram.wifista", profile);
+        }
+        ASSERT_TRUE(wifim_test::start_simulator(&sim, world));
+        data = static_cast<wpacli_monitor_data*>(wpacm_init(sim.config, "wlan0", 10));
+        ASSERT_NE(data, nullptr);
+        ASSERT_EQ(pipe(g_ping_pipe_fd), 0);
+        fcntl(g_ping_pipe_fd[1], F_SETFL, O_NONBLOCK);
+        if (run_loop) {
+            loop = std::thread([this] { wpacm_service(data); });
+            // The loop is up once it has attached and asked for a scan.
+            ASSERT_TRUE(wifim_test::wait_until([] { return has(sim_commands(), "SCAN"); }, 5000));
+            usleep(300000);
+        }
+    }
+    void TearDown() override {
+        if (data != nullptr) {
+            data->stop_service = true;
+        }
+        if (loop.joinable()) {
+            loop.join();
+        }
+        wpacm_close(data);
+        wifim_test::stop_wpa_peer(&sim);
+        close(g_ping_pipe_fd[0]);
+        close(g_ping_pipe_fd[1]);
+        g_ping_pipe_fd[0] = g_ping_pipe_fd[1] = -1;
+    }
+    int connect(wifi_ap_info a) {
+        wifim_test::clear_sim_commands();
+        return wpacm_connect_to_ap(data, &a);
+    }
+    wifim_test::wpa_peer sim;
+    wpacli_monitor_data* data = nullptr;
+    std::thread loop;
+};
+
+TEST_F(ServiceLoop, ConnectSendsTheNetworkBlockInOrder) {
+    start();
+    EXPECT_EQ(connect(ap("home", WIFI_SECURITY_ANY_WPA, "secret123")), WIFI_CONNECT_STATUS_SUCCESS);
+    // key_mgmt and proto already hold the wanted words: nothing is set.
+    std::vector<std::string> expected = {
+        "DISCONNECT",
+        "LIST_NETWORKS",
+        "ADD_NETWORK",
+        "DISABLE_NETWORK 0",
+        "GET_NETWORK 0 ssid",
+        "SET_NETWORK 0 ssid \"home\"",
+        "GET_NETWORK 0 key_mgmt",
+        "GET_NETWORK 0 proto",
+        "SET_NETWORK 0 priority 1",
+        "SET_NETWORK 0 psk \"secret123\"",
+        "DISABLE_NETWORK 0",
+        "ENABLE_NETWORK 0",
+        "RECONNECT",
+        "STATUS",
+    };
+    std::vector<std::string> got = commands_from("DISCONNECT");
+    got.resize(std::min(got.size(), expected.size()));
+    EXPECT_EQ(got, expected);
+    EXPECT_TRUE(wifim_test::file_exists("/tmp/wifista_connected"));
+    EXPECT_EQ(wifim_test::log_lines_with("], connect success, connect result:5").size(), 1u);
+    EXPECT_EQ(wifim_test::log_lines_with(
+                  "], add network id:0 for connect to SSID:home, BSSID:00:11:22:33:44:55")
+                  .size(),
+              1u);
+}
+
+TEST_F(ServiceLoop, PskQuotingFollowsLengthAndKeyForm) {
+    start();
+    connect(ap("home", WIFI_SECURITY_ANY_WPA, std::string(64, 'a')));
+    EXPECT_TRUE(has(sim_commands(), "SET_NETWORK 0 psk " + std::string(64, 'a')));
+    connect(ap("home", WIFI_SECURITY_ANY_WPA, std::string(63, 'b')));
+    EXPECT_TRUE(has(sim_commands(), "SET_NETWORK 0 psk \"" + std::string(63, 'b') + "\""));
+    connect(ap("home", WIFI_SECURITY_ANY_WPA, "0123456789", 1, false));
+    EXPECT_TRUE(has(sim_commands(), "SET_NETWORK 0 psk 0123456789"));
+}
+
+TEST_F(ServiceLoop, WepKeysOfFiveAndTenCharacters) {
+    start();
+    EXPECT_EQ(connect(ap("old", WIFI_SECURITY_WEP, "12345")), WIFI_CONNECT_STATUS_SUCCESS);
+    std::vector<std::string> got = commands_from("SET_NETWORK 0 priority 1");
+    EXPECT_EQ(std::vector<std::string>(got.begin(), got.begin() + 7),
+              (std::vector<std::string>{"SET_NETWORK 0 priority 1", "SET_NETWORK 0 auth_alg OPEN",
+                                        "SET_NETWORK 0 key_mgmt NONE", "SET_NETWORK 0 mode 0",
+                                        "SET_NETWORK 0 wep_key0 \"12345\"",
+                                        "SET_NETWORK 0 wep_tx_keyidx 0", "DISABLE_NETWORK 0"}));
+    connect(ap("old", WIFI_SECURITY_WEP, "0123456789"));
+    EXPECT_TRUE(has(sim_commands(), "SET_NETWORK 0 wep_key0 0123456789"));
+}
+
+TEST_F(ServiceLoop, NegativePriorityBecomesZeroButOneIsSent) {
+    start();
+    wifi_ap_info a = ap("cafe", WIFI_SECURITY_NONE, "", -3);
+    wifim_test::clear_sim_commands();
+    auto* job = wpacm_new_job(data, JobID_ConnectAP, &a, "", 40000, true);
+    wifi_ap_info out;
+    EXPECT_EQ(wpacm_wait_job(data, job, &out), WIFI_CONNECT_STATUS_SUCCESS);
+    EXPECT_EQ(out.priority, 0);
+    EXPECT_EQ(out.bssid, "00:11:22:33:44:66");
+    EXPECT_EQ(out.network_id, 0);
+    EXPECT_TRUE(has(sim_commands(), "SET_NETWORK 0 priority 1"));
+}
+
+TEST_F(ServiceLoop, SecurityWithoutARowFailsAndEmptiesTheNetworks) {
+    start();
+    EXPECT_EQ(connect(ap("cafe", WIFI_SECURITY_WPA2_EAP_TKIP_AES, "x")), WIFI_CONNECT_STATUS_FAIL);
+    EXPECT_EQ(wifim_test::log_lines_with("], Can't update network id:0,ssid:cafe").size(), 1u);
+    EXPECT_EQ(wifim_test::wpa_cli(sim, {"LIST_NETWORKS"}), "network id / ssid / bssid / flags\n");
+}
+
+TEST_F(ServiceLoop, SsidNotInTheScanListStillConnects) {
+    start();
+    sim_control(sim, "AP 00:11:22:33:44:99 2412 -50 [ESS] ssid=late");
+    EXPECT_EQ(connect(ap("late", WIFI_SECURITY_NONE)), WIFI_CONNECT_STATUS_SUCCESS);
+    auto lines = wifim_test::log_lines_with("], add network id:0 for connect to SSID:late, BSSID:");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].substr(lines[0].size() - 17), "SSID:late, BSSID:");
+}
+
+TEST_F(ServiceLoop, HandshakeFailureDoesNotEndTheWait) {
+    start();
+    wifi_ap_info a = ap("nowhere", WIFI_SECURITY_NONE);
+    auto* job = wpacm_new_job(data, JobID_ConnectAP, &a, "", 3000, true);
+    usleep(1200000);
+    sim_control(sim, "EVENT WPA: 4-Way Handshake failed - pre-shared key may be incorrect");
+    long start_ms = wifim_test::now_ms();
+    EXPECT_EQ(wpacm_wait_job(data, job, nullptr), WIFI_CONNECT_STATUS_ASSOC_REJECT);
+    EXPECT_GE(wifim_test::now_ms() - start_ms, 1000);  // ran on to its deadline
+}
+
+TEST_F(ServiceLoop, ConnectedEventWithAnotherStateIsAFailure) {
+    start();
+    wifi_ap_info a = ap("nowhere", WIFI_SECURITY_NONE);
+    auto* job = wpacm_new_job(data, JobID_ConnectAP, &a, "", 10000, true);
+    usleep(1000000);
+    sim_control(
+        sim,
+        "EVENT CTRL-EVENT-CONNECTED - Connection to 00:11:22:33:44:55 completed [id=0 id_str=]");
+    EXPECT_EQ(wpacm_wait_job(data, job, nullptr), WIFI_CONNECT_STATUS_FAIL);
+    EXPECT_EQ(
+        wifim_test::log_lines_with("], already connected, but status of wpa_supplicant is not "
+                                   "match, status: 5 / SCANNING")
+            .size(),
+        1u);
+    EXPECT_EQ(wifim_test::wpa_cli(sim, {"LIST_NETWORKS"}), "network id / ssid / bssid / flags\n");
+}
+
+TEST_F(ServiceLoop, NormalConnectGivesWayToAHighPriorityJob) {
+    start();
+    wifi_ap_info a = ap("nowhere", WIFI_SECURITY_NONE);
+    auto* normal = wpacm_new_job(data, JobID_ConnectAP, &a, "", 40000, false);
+    usleep(1000000);
+    long start_ms = wifim_test::now_ms();
+    auto* high = wpacm_new_job(data, JobID_GetStatus, nullptr, "", 5000, true);
+    EXPECT_EQ(wpacm_wait_job(data, normal, nullptr), WIFI_CONNECT_STATUS_EXPIRE);
+    EXPECT_EQ(wpacm_wait_job(data, high, nullptr), WIFI_CONNECT_STATUS_SUCCESS);
+    EXPECT_LT(wifim_test::now_ms() - start_ms, 5000);
+}
+
+TEST_F(ServiceLoop, HighPriorityDisconnectEndsAWaitingScan) {
+    // Scan results take 20 s: the loop's first scan job is still waiting.
+    start("", std::string(kWorld) + "scan_delay_ms 20000\n");
+    usleep(500000);
+    long start_ms = wifim_test::now_ms();
+    auto* disconnect = wpacm_new_job(data, JobID_Disconnect, nullptr, "", 10000, true);
+    EXPECT_EQ(wpacm_wait_job(data, disconnect, nullptr), WIFI_CONNECT_STATUS_SUCCESS);
+    EXPECT_LT(wifim_test::now_ms() - start_ms, 4000);
+    EXPECT_EQ(wifim_test::log_lines_with(
+                  "], updated result, index:1, priority:normal, Job ID:1, result:1, time out:")
+                  .size(),
+              1u);
+}
+
+TEST_F(ServiceLoop, PinJobWithEmptyPinSendsTheBareCommand) {
+    start();
+    wifim_test::clear_sim_commands();
+    auto* job = wpacm_new_job(data, JobID_WPS_PIN, nullptr, "", 2000, true);
+    wpacm_wait_job(data, job, nullptr);
+    EXPECT_TRUE(has(sim_commands(), "WPS_PIN any "));
+    EXPECT_FALSE(has(sim_commands(), "WPS_PBC any"));
+}
+
+TEST_F(ServiceLoop, WpsOverlapEndsAtOnceAndRemovesTheNetworks) {
+    start("", std::string(kWorld) + "ap 00:11:22:33:44:98 2412 -50 [ESS] wps=pbc ssid=second\n");
+    wifi_ap_info out;
+    long start_ms = wifim_test::now_ms();
+    EXPECT_EQ(wpacm_wps(data, "", &out), WIFI_CONNECT_STATUS_WPS_OVERLAP);
+    EXPECT_LT(wifim_test::now_ms() - start_ms, 5000);
+    EXPECT_EQ(wifim_test::wpa_cli(sim, {"LIST_NETWORKS"}), "network id / ssid / bssid / flags\n");
+    EXPECT_EQ(out.ssid, "");
+}
+
+TEST_F(ServiceLoop, ConnectedEventAloneDoesNotEndTheWpsWait) {
+    start("", std::string(kWorld) + "wps_delay_ms 10000\n");
+    auto* job = wpacm_new_job(data, JobID_WPS_PBC, nullptr, "", 3000, true);
+    usleep(1500000);
+    sim_control(
+        sim,
+        "EVENT CTRL-EVENT-CONNECTED - Connection to 00:11:22:33:44:55 completed [id=0 id_str=]");
+    EXPECT_EQ(wpacm_wait_job(data, job, nullptr), WIFI_CONNECT_STATUS_CONNECTED);
+    EXPECT_EQ(wifim_test::log_lines_with("], Connected by WPS success, but can't read profile from "
+                                         "config file, status:5")
+                  .size(),
+              1u);
+}
+
+TEST_F(ServiceLoop, WpsSuccessReadsTheSavedProfileBack) {
+    start();
+    wifi_ap_info out;
+    EXPECT_EQ(wpacm_wps(data, "", &out), WIFI_CONNECT_STATUS_SUCCESS);
+    EXPECT_EQ(out.ssid, "home");
+    EXPECT_EQ(out.security, WIFI_SECURITY_WPA2_PSK_AES);
+    EXPECT_EQ(out.password, "secret123");
+    EXPECT_TRUE(out.ascii_key);
+    EXPECT_TRUE(wifim_test::file_exists("/tmp/wifista_connected"));
+    for (const char* line :
+         {"], Connected by WPS success, reading config file....",
+          "], Connected by WPS success, readed config file....",
+          "], Connected by WPS success, ssid:home, security:11, password:secret123"}) {
+        auto lines = wifim_test::log_lines_with(line);
+        ASSERT_EQ(lines.size(), 1u) << line;
+        EXPECT_NE(lines[0].find(",ERROR,"), std::string::npos);
+    }
+}
+
+TEST_F(ServiceLoop, TwoSavedNetworksAreNotOneProfile) {
+    start();
+    sim_control(sim,
+                "AP 00:11:22:33:44:88 2412 -50 [WPA2-PSK-CCMP][ESS] key=secret123 "
+                "wps=12345670 ssid=pinned");
+    sim_control(sim, "FAULT SAVE_CONFIG FAIL");
+    wifim_test::write_file(
+        sim.config,
+        "ctrl_interface=/tmp/wpa_ctrl\nnetwork={\n\tssid=\"a\"\n\tkey_mgmt=NONE\n"
+        "\tproto=WPA\n\tpairwise=NONE\n}\nnetwork={\n\tssid=\"b\"\n"
+        "\tkey_mgmt=NONE\n\tproto=WPA\n\tpairwise=NONE\n}\n");
+    wifim_test::clear_sim_commands();
+    wifi_ap_info out;
+    EXPECT_EQ(wpacm_wps(data, "12345670", &out), WIFI_CONNECT_STATUS_FAIL);
+    EXPECT_TRUE(has(sim_commands(), "WPS_PIN any 12345670"));
+    std::vector<std::string> tail = commands_from("SAVE_CONFIG");
+    EXPECT_TRUE(has(tail, "DISCONNECT"));
+    EXPECT_EQ(wifim_test::log_lines_with(
+                  "], Connected by WPS success, but can't read profile from config file")
+                  .size(),
+              1u);
+}
+
+TEST_F(ServiceLoop, StationSwitchedOffFailsEveryJob) {
+    start();
+    wpacm_set_enable(data, false);
+    EXPECT_NE(wifim_test::read_file("/www/nvram.wifista").find("wifi_station_enable = false"),
+              std::string::npos);
+    long start_ms = wifim_test::now_ms();
+    auto* job = wpacm_new_job(data, JobID_GetStatus, nullptr, "", 5000, true);
+    EXPECT_EQ(wpacm_wait_job(data, job, nullptr), WIFI_CONNECT_STATUS_FAIL);
+    EXPECT_LT(wifim_test::now_ms() - start_ms, 2500);
+    EXPECT_TRUE(wifim_test::wait_until(
+        [this] { return data->next_scan_clock == 0 && data->next_connect_clock == 0; }, 3000));
+}
+
+TEST_F(ServiceLoop, SettingTheSameSwitchDoesNothing) {
+    start();
+    unlink("/www/nvram.wifista");
+    auto* pending = wpacm_new_job(data, JobID_Nothing, nullptr, "", 5000, false);
+    wpacm_set_enable(data, true);
+    EXPECT_FALSE(wifim_test::file_exists("/www/nvram.wifista"));
+    EXPECT_EQ(wpacm_wait_job(data, pending, nullptr), WIFI_CONNECT_STATUS_SUCCESS);
+}
+
+TEST_F(ServiceLoop, StartWhileConnectedKeepsTheNetworks) {
+    start("", kWorld, false);
+    for (auto c : std::vector<std::vector<std::string>>{{"ADD_NETWORK"},
+                                                        {"SET_NETWORK", "0", "ssid", "\"cafe\""},
+                                                        {"SET_NETWORK", "0", "key_mgmt", "NONE"},
+                                                        {"ENABLE_NETWORK", "0"}}) {
+        wifim_test::wpa_cli(sim, c);
+    }
+    ASSERT_TRUE(wifim_test::wait_until(
+        [this] { return sim_control(sim, "STATE") == "COMPLETED\n"; }, 3000));
+    unlink("/tmp/wifista_connected");
+    wifim_test::clear_sim_commands();
+    loop = std::thread([this] { wpacm_service(data); });
+    ASSERT_TRUE(wifim_test::wait_until([] { return has(sim_commands(), "SCAN_RESULTS"); }, 5000));
+    EXPECT_TRUE(wifim_test::file_exists("/tmp/wifista_connected"));
+    EXPECT_FALSE(has(sim_commands(), "LIST_NETWORKS"));
+    EXPECT_FALSE(has(sim_commands(), "REMOVE_NETWORK 0"));
+    EXPECT_EQ(data->next_connect_clock, 0);
+}
+
+TEST_F(ServiceLoop, DisconnectWhenNotConnectedPostsNothing) {
+    start();
+    wifim_test::clear_sim_commands();
+    EXPECT_FALSE(wpacm_disconnect(data));
+    EXPECT_FALSE(has(sim_commands(), "DISCONNECT"));
+}
+
+TEST_F(ServiceLoop, DisconnectDemotesTheProfile) {
+    start();
+    wifi_ap_info cafe = ap("cafe", WIFI_SECURITY_NONE);
+    ASSERT_EQ(wpacm_connect_to_ap(data, &cafe), WIFI_CONNECT_STATUS_SUCCESS);
+    wpacm_update_wifi_profile(data, &cafe, true);
+    // The loop learns of the connection at its next scan.
+    ASSERT_TRUE(wifim_test::wait_until(
+        [this] {
+            std::string ssid, bssid;
+            return wpacm_get_connected_ssid(data, ssid, bssid) && ssid == "cafe";
+        },
+        15000));
+    EXPECT_TRUE(wpacm_disconnect(data));
+    std::vector<wifi_ap_info> list;
+    wpacm_get_register_profile(data, list);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].priority, -1);
+    EXPECT_NE(wifim_test::read_file("/www/nvram.wifista").find("priority_1 = -1"),
+              std::string::npos);
+}
+
+TEST_F(ServiceLoop, RemovingAnUnregisteredConnectedSsidStillDisconnects) {
+    start();
+    wifi_ap_info cafe = ap("cafe", WIFI_SECURITY_NONE);
+    ASSERT_EQ(wpacm_connect_to_ap(data, &cafe), WIFI_CONNECT_STATUS_SUCCESS);
+    wifim_test::clear_sim_commands();
+    unlink("/www/nvram.wifista");
+    EXPECT_TRUE(wpacm_remove_ssid(data, "cafe", WIFI_SECURITY_NONE));
+    // The disconnect job runs although no profile was removed; it leaves
+    // wpa_supplicant without networks and the station unmarked.
+    EXPECT_TRUE(
+        wifim_test::wait_until([] { return has(sim_commands(), "REMOVE_NETWORK 0"); }, 5000));
+    EXPECT_TRUE(wifim_test::wait_until(
+        [] { return !wifim_test::file_exists("/tmp/wifista_connected"); }, 5000));
+    EXPECT_FALSE(wifim_test::file_exists("/www/nvram.wifista"));
+    EXPECT_TRUE(wpacm_remove_ssid(data, "never", WIFI_SECURITY_NONE));
+}
+
+// Profile list operations, without the loop.
+class Profiles : public ServiceLoop {
+  protected:
+    void SetUp() override {
+        start(
+            "ssid_1 = a\nsecurity_1 = wpa2\npasswd_1 = k1\npasswd_encode_1 = ascii\npriority_1 = "
+            "1\n"
+            "ssid_2 = b\nsecurity_2 = wpa2\npasswd_2 = k2\npasswd_encode_2 = ascii\npriority_2 = "
+            "2\n"
+            "ssid_3 = c\nsecurity_3 = wpa2\npasswd_3 = k3\npasswd_encode_3 = ascii\npriority_3 = "
+            "3\n",
+            kWorld, false);
+    }
+    std::vector<std::string> order() {
+        std::vector<wifi_ap_info> list;
+        wpacm_get_register_profile(data, list);
+        std::vector<std::string> out;
+        for (const auto& p : list) {
+            out.push_back(p.ssid + ":" + std::to_string(p.priority));
+        }
+        return out;
+    }
+};
+
+TEST_F(Profiles, NewProfileOfPriorityTwoMakesRoom) {
+    wifi_ap_info n = ap("new", WIFI_SECURITY_ANY_WPA, "secret123", 2);
+    wpacm_update_wifi_profile(data, &n, true);
+    EXPECT_EQ(order(), (std::vector<std::string>{"a:1", "new:2", "b:3", "c:4"}));
+    EXPECT_NE(wifim_test::read_file("/www/nvram.wifista").find("ssid_2 = new\n"),
+              std::string::npos);
+}
+
+TEST_F(Profiles, UnknownProfileWithoutAppendChangesNothing) {
+    std::string before = wifim_test::read_file("/www/nvram.wifista");
+    wifi_ap_info n = ap("new", WIFI_SECURITY_ANY_WPA, "secret123", 1);
+    wpacm_update_wifi_profile(data, &n, false);
+    EXPECT_EQ(order(), (std::vector<std::string>{"a:1", "b:2", "c:3"}));
+    EXPECT_EQ(wifim_test::read_file("/www/nvram.wifista"), before);
+}
+
+TEST_F(Profiles, AppendingBeyondTheBoundDropsTheLast) {
+    data->max_bound_wifiap_info = 3;
+    wifi_ap_info n = ap("new", WIFI_SECURITY_ANY_WPA, "secret123", 1);
+    wpacm_update_wifi_profile(data, &n, true);
+    EXPECT_EQ(order(), (std::vector<std::string>{"new:1", "a:2", "b:3"}));
+}
+
+TEST_F(Profiles, AutomaticChoiceSkipsPriorityZeroAndTheLastBssid) {
+    std::map<std::string, wifi_scan_ap_info>& scan = data->scan_result.scan_result_list;
+    auto seen = [&](const std::string& ssid, const std::string& bssid) {
+        wifi_scan_ap_info e;
+        e.ap_info = ap(ssid, WIFI_SECURITY_WPA2_PSK_AES);
+        e.ap_info.bssid = bssid;
+        e.in_scan_result = true;
+        e.timeout_ms = e.mini_alive_ms = get_now_time_ms() + 45000;
+        e.not_in_range_count = 0;
+        scan[wpacm_scan_key(e.ap_info)] = e;
+    };
+    seen("a", "aa:aa:aa:aa:aa:aa");
+    seen("b", "bb:bb:bb:bb:bb:bb");
+    wpacm_loop_state loop_state;
+    loop_state.data = data;
+    clear_wifi_ap_info(&loop_state.candidate);
+    loop_state.no_profile_count = 0;
+    loop_state.last_bssid = "";
+    EXPECT_EQ(wpacm_choose_profile(&loop_state), 0);
+    EXPECT_EQ(loop_state.candidate.ssid, "a");
+    loop_state.last_bssid = "aa:aa:aa:aa:aa:aa";
+    EXPECT_EQ(wpacm_choose_profile(&loop_state), 0);
+    EXPECT_EQ(loop_state.candidate.ssid, "b");
+    EXPECT_EQ(wifim_test::log_lines_with(
+                  "], Try to connect to SSID : b, network id:-1, skip bssid:aa:aa:aa:aa:aa:aa")
+                  .size(),
+              1u);
+    // Priority 0 takes no part in the automatic choice.
+    data->registed_ap_info.registed_ap_info_vector[1].priority = 0;
+    data->registed_ap_info.registed_ap_info_vector[0].priority = 0;
+    clear_wifi_ap_info(&loop_state.candidate);
+    loop_state.last_bssid = "";
+    EXPECT_EQ(wpacm_choose_profile(&loop_state), -2);
+}
+
+TEST_F(Profiles, NoProfileBacksOffThirtySecondsSixTimesThenSixty) {
+    data->registed_ap_info.registed_ap_info_vector.clear();
+    wpacm_loop_state loop_state;
+    loop_state.data = data;
+    clear_wifi_ap_info(&loop_state.candidate);
+    loop_state.no_profile_count = 0;
+    for (int attempt = 1; attempt <= 8; attempt++) {
+        int64_t now = get_now_time_ms();
+        wpacm_auto_connect(&loop_state);
+        int64_t delay = data->next_connect_clock - now;
+        int64_t expected = attempt <= 6 ? 30000 : 60000;
+        EXPECT_GE(delay, expected) << attempt;
+        EXPECT_LE(delay, expected + 100) << attempt;
+    }
+    auto lines =
+        wifim_test::log_lines_with("], No any available WiFi profile, lsat bssid:, ret:-2");
+    EXPECT_EQ(lines.size(), 8u);
+    EXPECT_EQ(wifim_test::log_lines_with("], Registed WiFi AP list is empty!!").size(), 8u);
+}
+
+TEST(WpsConfigReader, KeysAndKeyManagementWords) {
+    auto profiles = wpacm_read_wpa_config_profiles(
+        "ctrl_interface=/run\nnetwork={\n\tssid=\"q\"\n\tpsk=\"pass phrase\"\n\tproto=RSN\n"
+        "\tkey_mgmt=WPA-PSK\n\tpairwise=CCMP\n}\n"
+        "network={\n\tssid=\"hex\"\n\tpsk=" +
+        std::string(64, 'f') +
+        "\n\tproto=WPA\n\tkey_mgmt=WPA-PSK\n\tpairwise=TKIP\n}\n"
+        "network={\n\tssid=\"two\"\n\tpsk=\"x\"\n\tproto=RSN\n\tkey_mgmt=WPA-PSK WPA-EAP\n"
+        "\tpairwise=CCMP TKIP\n}\n"
+        "network={\n}\n");
+    ASSERT_EQ(profiles.size(), 2u);
+    EXPECT_EQ(profiles[0].ssid, "q");
+    EXPECT_EQ(profiles[0].password, "passphrase");
+    EXPECT_TRUE(profiles[0].ascii_key);
+    EXPECT_EQ(profiles[0].security, WIFI_SECURITY_WPA2_PSK_AES);
+    EXPECT_EQ(profiles[1].password, std::string(64, 'f'));
+    EXPECT_FALSE(profiles[1].ascii_key);
+    EXPECT_EQ(profiles[1].security, WIFI_SECURITY_WPA_PSK_TKIP);
+}
+
+TEST(WpsPin, CheckDigitOfTheWpsPin) {
+    EXPECT_EQ(wpacm_wps_pin_from_value(12345670), "23456709");
+    EXPECT_EQ(wpacm_wps_pin_from_value(0), "00000000");
+    EXPECT_EQ(wpacm_wps_pin_from_value(1234567), "12345670");
+    std::string pin = wpacm_get_wps_pin(nullptr);
+    ASSERT_EQ(pin.size(), 8u);
+    EXPECT_EQ(pin.find_first_not_of("0123456789"), std::string::npos);
+    EXPECT_EQ(wpacm_wps_pin_from_value(static_cast<uint32_t>(std::stoul(pin.substr(0, 7)))), pin);
+}
