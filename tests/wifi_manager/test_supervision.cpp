@@ -1,0 +1,219 @@
+// The supervisor: the worker's pings, restarts with the station scripts, and
+// orderly shut-down; faults injected into the built daemon.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <regex>
+#include <thread>
+
+#include "test_support.h"
+#include "wifi_manager/wifi_manager.h"
+#include "wpa_peer.h"
+
+using wifim_test::log_lines_with;
+
+static const char* kWorld =
+    "scan_delay_ms 50\n"
+    "connect_delay_ms 30\n"
+    "ap 00:11:22:33:44:55 2437 -50 [WPA2-PSK-CCMP][ESS] key=secret123 wps=- ssid=home\n";
+static const char* kProfile =
+    "wifi_station_enable = true\nwifi_dhcp = 0\nwifi_dns_dhcp = 0\nwifi_ip = 10.1.1.2\n"
+    "wifi_gateway = 10.1.1.1\nwifi_netmask = 255.255.255.0\nwifi_dns1 = 1.1.1.1\n"
+    "wifi_dns2 = 8.8.8.8\nssid_1 = home\nsecurity_1 = wpa2\npasswd_1 = secret123\n"
+    "passwd_encode_1 = ascii\npriority_1 = 1\n";
+
+TEST(Supervisor, PingIsClampedToTenToOneHundredFifty) {
+    EXPECT_EQ(wifim_clamp_ping(5), 10);
+    EXPECT_EQ(wifim_clamp_ping(-7), 10);
+    EXPECT_EQ(wifim_clamp_ping(10), 10);
+    EXPECT_EQ(wifim_clamp_ping(30), 30);
+    EXPECT_EQ(wifim_clamp_ping(120), 120);
+    EXPECT_EQ(wifim_clamp_ping(150), 150);
+    EXPECT_EQ(wifim_clamp_ping(1000), 150);
+}
+
+// Runs the supervisor loop over a stand-in worker that pings once with
+// `value` (or never, when value is 0); returns the seconds from the start
+// until the supervisor gave up on it.
+static double seconds_until_overdue(int value) {
+    unlink("/tmp/wifi_manager.log");
+    wifim_test::install_recording_scripts();
+    pid_t supervisor = fork();
+    if (supervisor == 0) {
+        if (pipe(g_ping_pipe_fd) != 0) {
+            _exit(2);
+        }
+        g_child_pid = fork();
+        if (g_child_pid == 0) {
+            if (value != 0) {
+                ssize_t ignored = write(g_ping_pipe_fd[1], &value, sizeof(value));
+                (void)ignored;
+            }
+            pause();
+            _exit(0);
+        }
+        wifim_monitor_child_process();
+        _exit(0);  // a freshly forked stand-in ends here
+    }
+    long start = wifim_test::now_ms();
+    bool overdue = wifim_test::wait_until(
+        [] { return !log_lines_with("Can't receive child ping message").empty(); }, 45000);
+    double seconds = (wifim_test::now_ms() - start) / 1000.0;
+    kill(supervisor, SIGKILL);
+    waitpid(supervisor, nullptr, 0);
+    return overdue ? seconds : -1;
+}
+
+TEST(Supervisor, APingOfFiveCountsAsTen) {
+    double seconds = seconds_until_overdue(5);
+    EXPECT_GE(seconds, 8.5);
+    EXPECT_LE(seconds, 12.0);
+    auto lines = log_lines_with("Can't receive child ping message");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(std::regex_search(
+        lines[0],
+        std::regex(
+            R"(,INFO ,tid:\d+,wifi_manager.cpp-wifim_monitor_child_process\[\d+\], )"
+            R"(Can't receive child ping message, wait count:1, terminating child process$)")))
+        << lines[0];
+}
+
+TEST(Supervisor, AWorkerThatNeverPingsIsGivenThirtySeconds) {
+    double seconds = seconds_until_overdue(0);
+    EXPECT_GE(seconds, 28.5);
+    EXPECT_LE(seconds, 33.0);
+}
+
+// The whole daemon against the simulator.
+class Faults : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        wifim_test::install_recording_scripts();
+        wifim_test::write_file("/www/nvram.wifista", kProfile);
+        ASSERT_TRUE(wifim_test::start_simulator(&peer, kWorld));
+        ASSERT_TRUE(wifim_test::start_daemon(&daemon, peer.config));
+    }
+    void TearDown() override {
+        if (daemon.pid > 0) {
+            wifim_test::stop_daemon(&daemon);
+        }
+        wifim_test::stop_wpa_peer(&peer);
+    }
+    pid_t worker() {
+        std::string children =
+            wifim_test::read_file("/proc/" + std::to_string(daemon.pid) + "/task/" +
+                                  std::to_string(daemon.pid) + "/children");
+        return children.empty() ? -1 : static_cast<pid_t>(std::stoi(children));
+    }
+    std::string ask(const std::string& request) {
+        return wifim_test::run_client(request, {"-T", "5"}).out;
+    }
+    // The registered profile and IP settings the user saved are still there.
+    void expect_profile_kept() {
+        std::string text = wifim_test::read_file("/www/nvram.wifista");
+        for (const char* line : {"wifi_ip = 10.1.1.2\n", "wifi_dns1 = 1.1.1.1\n", "ssid_1 = home\n",
+                                 "passwd_1 = secret123\n"}) {
+            EXPECT_NE(text.find(line), std::string::npos) << line << " in\n" << text;
+        }
+    }
+    wifim_test::wpa_peer peer;
+    wifim_test::running_daemon daemon;
+};
+
+TEST_F(Faults, StoppedWorkerIsReplacedAndTheStationRestarted) {
+    pid_t first = worker();
+    ASSERT_GT(first, 0);
+    kill(first, SIGSTOP);
+    ASSERT_TRUE(wifim_test::wait_until(
+        [] { return log_lines_with("Program start -- Version: 1.0.4").size() == 2; }, 70000));
+    EXPECT_EQ(log_lines_with("], Can't receive child ping message, wait count:1, terminating child "
+                             "process")
+                  .size(),
+              1u);
+    EXPECT_EQ(log_lines_with("], Restart child process").size(), 1u);
+    EXPECT_EQ(wifim_test::recorded_script_calls(),
+              (std::vector<std::string>{"wifi_station.sh stop", "wifi_station.sh start"}));
+    EXPECT_FALSE(wifim_test::process_alive(first));
+    ASSERT_TRUE(wifim_test::wait_until(
+        [this] { return ask("function=GetWPSPin").rfind("result=success\n", 0) == 0; }, 10000));
+    expect_profile_kept();
+}
+
+TEST_F(Faults, LostWpaSupplicantEndsTheWorkerWhichIsRestarted) {
+    wifim_test::sim_control(peer, "CRASH");
+    ASSERT_TRUE(wifim_test::wait_until(
+        [] {
+            return !log_lines_with(
+                        "], Received exception or illegal signal, child pid:0, closed "
+                        "process")
+                        .empty();
+        },
+        15000));
+    auto lines = log_lines_with("Received exception or illegal signal, child pid:0");
+    EXPECT_NE(lines[0].find(",ERROR,"), std::string::npos);
+    wifim_test::stop_wpa_peer(&peer);
+    ASSERT_TRUE(wifim_test::start_simulator(&peer, kWorld));
+    // Restarted after the allowance; it then connects on its own to "home".
+    ASSERT_TRUE(wifim_test::wait_until(
+        [] { return log_lines_with("Program start -- Version: 1.0.4").size() == 2; }, 70000));
+    EXPECT_TRUE(wifim_test::wait_until(
+        [] { return wifim_test::file_exists("/tmp/wifista_connected"); }, 45000));
+    expect_profile_kept();
+}
+
+TEST_F(Faults, WorkerWithoutAControllerIsRestartedWithoutGrowth) {
+    // wpa_supplicant's configuration disappears: the next worker cannot start
+    // its controller.
+    unlink(peer.config.c_str());
+    std::string fds_before = std::to_string(
+        wifim_test::run_process({"/bin/ls", "/proc/" + std::to_string(daemon.pid) + "/fd"})
+            .out.size());
+    kill(worker(), SIGSTOP);
+    ASSERT_TRUE(wifim_test::wait_until(
+        [] { return !log_lines_with("], Can't initialize wpa monitor").empty(); }, 70000));
+    EXPECT_NE(log_lines_with("Can't initialize wpa monitor")[0].find("wifi_manager.cpp-main["),
+              std::string::npos);
+    std::string fds_after = std::to_string(
+        wifim_test::run_process({"/bin/ls", "/proc/" + std::to_string(daemon.pid) + "/fd"})
+            .out.size());
+    EXPECT_EQ(fds_after, fds_before);
+    expect_profile_kept();
+}
+
+TEST_F(Faults, TerminateSignalEndsBothProcessesInOrder) {
+    pid_t w = worker();
+    // Requests keep the worker's threads writing the log meanwhile.
+    std::atomic<bool> flooding{true};
+    std::thread flood([this, &flooding] {
+        while (flooding) {
+            ask("function=GetNetSetting");
+        }
+    });
+    usleep(500000);
+    long start = wifim_test::now_ms();
+    int status = wifim_test::stop_daemon(&daemon, 5000);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_TRUE(wifim_test::wait_until([w] { return !wifim_test::process_alive(w); }, 5000));
+    EXPECT_LT(wifim_test::now_ms() - start, 6000);
+    flooding = false;
+    flood.join();
+    EXPECT_EQ(log_lines_with("], Program close").size(), 1u);
+    EXPECT_EQ(log_lines_with("], Received terminate signal. program closing..").size(), 2u);
+    EXPECT_FALSE(wifim_test::file_exists("/tmp/wifi_manager.socket"));
+    expect_profile_kept();
+}
+
+TEST_F(Faults, SecondTerminateSignalEndsAtOnce) {
+    kill(daemon.pid, SIGTERM);
+    kill(daemon.pid, SIGTERM);
+    int status = wifim_test::wait_process(daemon.pid, 3000);
+    daemon.pid = -1;
+    ASSERT_NE(status, -1);
+    // Either the first signal's orderly exit or the second's default end.
+    EXPECT_TRUE((WIFEXITED(status) && WEXITSTATUS(status) == 0) ||
+                (WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM));
+}
