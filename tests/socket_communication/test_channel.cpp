@@ -260,7 +260,7 @@ TEST_F(Channel, MalformedFramesLeakNoDescriptor) {
     }
     ASSERT_EQ(request("after"), "echo:after");
     // The server closes its side just after answering.
-    EXPECT_TRUE(wifim_test::wait_until([before] { return open_fd_count() <= before; }, 2000))
+    EXPECT_TRUE(wifim_test::wait_until([before] { return open_fd_count() <= before; }, 10000))
         << open_fd_count() << " descriptors open, " << before << " before";
 }
 

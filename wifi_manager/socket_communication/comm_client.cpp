@@ -6,7 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "socket_communication.h"
+#include "comm_internal.h"
 
 #define COMM_CONNECT_ATTEMPTS 10
 #define COMM_CLIENT_RECEIVE_TIMEOUT_S 3
@@ -17,9 +17,7 @@ static int comm_try_send(const char* socket_file, const void* buf, int buf_size)
         return -1;
     }
     struct sockaddr_un addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, socket_file, sizeof(addr.sun_path) - 1);
+    comm_unix_address(socket_file, &addr);
     struct timeval receive_timeout = {COMM_CLIENT_RECEIVE_TIMEOUT_S, 0};
     transfer_data_head head = {COMM_IDENTIFY_NUM, static_cast<uint32_t>(buf_size), 0};
     if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &receive_timeout, sizeof(receive_timeout)) != 0 ||

@@ -6,7 +6,7 @@
 #include <sys/times.h>
 #include <unistd.h>
 
-#include "socket_communication.h"
+#include "comm_internal.h"
 
 static clock_t comm_now_ticks() {
     struct tms ignored;
@@ -89,4 +89,10 @@ int commsvr_send_response(int socket, const void* buf, int buf_size) {
         return -1;
     }
     return 0;
+}
+
+void comm_unix_address(const char* path, struct sockaddr_un* addr) {
+    memset(addr, 0, sizeof(*addr));
+    addr->sun_family = AF_UNIX;
+    strncpy(addr->sun_path, path, sizeof(addr->sun_path) - 1);
 }

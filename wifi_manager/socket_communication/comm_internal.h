@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 #include <sys/times.h>
+#include <sys/un.h>
 
 #include <atomic>
 
@@ -42,6 +43,9 @@ struct communication_server_data {
     // a detached thread never touches freed memory.
     int holders;
 };
+
+// The socket address of a path, cut to what the address can hold.
+void comm_unix_address(const char* path, struct sockaddr_un* addr);
 
 void commsvr_return_thread_data_to_unused_list(communication_server_data* commsvr_data,
                                                service_thread_data* thread_data, bool lock_mutex);

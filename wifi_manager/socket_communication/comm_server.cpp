@@ -243,9 +243,7 @@ static int comm_open_listener(const char* socket_file) {
         return -1;
     }
     struct sockaddr_un addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, socket_file, sizeof(addr.sun_path) - 1);
+    comm_unix_address(socket_file, &addr);
     if (bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0 ||
         listen(fd, 0) != 0) {
         close(fd);

@@ -280,6 +280,13 @@ std::vector<wifi_ap_info> wpacm_read_wpa_config_profiles(const std::string& text
 std::string wpacm_wps_pin_from_value(uint32_t value);
 std::string wpacm_get_wps_pin(void* monitor_data);
 
+// Reads events for a connect or WPS job until `ends` accepts the status one
+// of them produced, or the job has to give up (shutdown, deadline, a
+// high-priority job waiting). Returns the last status an event produced, or
+// EXPIRE when none did.
+WiFi_Connection_Status wpacm_wait_job_outcome(wpacli_monitor_data* data, wpacm_job_data_struct* job,
+                                              struct wpa_ctrl* event_ctrl,
+                                              bool (*ends)(WiFi_Connection_Status));
 // A normal-priority job gives way as soon as a high-priority one is queued.
 bool wpacm_job_preempted(wpacli_monitor_data* data, const wpacm_job_data_struct* job);
 // Pings the supervisor when the last ping is two seconds old.

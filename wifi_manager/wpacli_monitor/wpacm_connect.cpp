@@ -39,11 +39,9 @@ void wpacm_ping_if_due(wpacli_monitor_data* data) {
     }
 }
 
-// Only a completed connection (or one denied an address) ends the wait
-// early; a rejection lets it run on until the deadline.
-static WiFi_Connection_Status wpacm_wait_connect_outcome(wpacli_monitor_data* data,
-                                                         wpacm_job_data_struct* job,
-                                                         struct wpa_ctrl* event_ctrl) {
+WiFi_Connection_Status wpacm_wait_job_outcome(wpacli_monitor_data* data, wpacm_job_data_struct* job,
+                                              struct wpa_ctrl* event_ctrl,
+                                              bool (*ends)(WiFi_Connection_Status)) {
     WiFi_Connection_Status result = WIFI_CONNECT_STATUS_UNKNOW;
     while (true) {
         if (g_program_exist || data->stop_service || job->request_timeout_ms < get_now_time_ms() ||
@@ -55,10 +53,16 @@ static WiFi_Connection_Status wpacm_wait_connect_outcome(wpacli_monitor_data* da
         if (event != WIFI_CONNECT_STATUS_UNKNOW) {
             result = event;
         }
-        if (result == WIFI_CONNECT_STATUS_CONNECTED || result == WIFI_CONNECT_STATUS_DENIAL_BY_IP) {
+        if (ends(result)) {
             return result;
         }
     }
+}
+
+// Only a completed connection (or one denied an address) ends the wait
+// early; a rejection lets it run on until the deadline.
+static bool wpacm_connect_outcome(WiFi_Connection_Status status) {
+    return status == WIFI_CONNECT_STATUS_CONNECTED || status == WIFI_CONNECT_STATUS_DENIAL_BY_IP;
 }
 
 // Adds a fresh network; returns its id or -1.
@@ -126,7 +130,8 @@ int wpacm_connect_ap_private(void* monitor_data, wpacm_job_data_struct* job_data
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     wpacm_send_wpa_request(wpa_command_ctrl, "RECONNECT");
 
-    WiFi_Connection_Status result = wpacm_wait_connect_outcome(data, job_data, wpa_event_ctrl);
+    WiFi_Connection_Status result =
+        wpacm_wait_job_outcome(data, job_data, wpa_event_ctrl, wpacm_connect_outcome);
 
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     wpacm_update_status(wpa_command_ctrl, data);

@@ -18,33 +18,12 @@ static void wpacm_prepare_wps(wpacli_monitor_data* data, struct wpa_ctrl* ctrl) 
     wpacm_send_wpa_request(ctrl, "RECONNECT");
 }
 
+// Only a WPS outcome (or an overlap) ends the wait; a plain connection
+// does not.
 static bool wpacm_wps_outcome(WiFi_Connection_Status status) {
     return status == WIFI_CONNECT_STATUS_DENIAL_BY_IP ||
            status == WIFI_CONNECT_STATUS_WPS_SUCCESS || status == WIFI_CONNECT_STATUS_WPS_FAIL ||
-           status == WIFI_CONNECT_STATUS_WPS_TIMEOUT;
-}
-
-// Only a WPS outcome (or an overlap) ends the wait; a plain connection
-// does not.
-static WiFi_Connection_Status wpacm_wait_wps_outcome(wpacli_monitor_data* data,
-                                                     wpacm_job_data_struct* job,
-                                                     struct wpa_ctrl* event_ctrl) {
-    WiFi_Connection_Status result = WIFI_CONNECT_STATUS_UNKNOW;
-    while (result != WIFI_CONNECT_STATUS_WPS_OVERLAP) {
-        if (g_program_exist || data->stop_service || job->request_timeout_ms < get_now_time_ms() ||
-            wpacm_job_preempted(data, job)) {
-            return result == WIFI_CONNECT_STATUS_UNKNOW ? WIFI_CONNECT_STATUS_EXPIRE : result;
-        }
-        wpacm_ping_if_due(data);
-        WiFi_Connection_Status event = wpacm_receive_wpa_supplicant_event(data, event_ctrl);
-        if (event != WIFI_CONNECT_STATUS_UNKNOW) {
-            result = event;
-        }
-        if (wpacm_wps_outcome(result)) {
-            break;
-        }
-    }
-    return result;
+           status == WIFI_CONNECT_STATUS_WPS_TIMEOUT || status == WIFI_CONNECT_STATUS_WPS_OVERLAP;
 }
 
 static std::vector<wifi_ap_info> wpacm_read_saved_profiles(const std::string& config_file) {
@@ -83,7 +62,8 @@ int wpacm_wps_private(void* monitor_data, wpacm_job_data_struct* job_data,
     }
     unlink(WIFIM_CONNECTED_MARKER_FILE);
 
-    WiFi_Connection_Status result = wpacm_wait_wps_outcome(data, job_data, wpa_event_ctrl);
+    WiFi_Connection_Status result =
+        wpacm_wait_job_outcome(data, job_data, wpa_event_ctrl, wpacm_wps_outcome);
 
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     wpacm_update_status(wpa_command_ctrl, data);
