@@ -108,7 +108,7 @@ static std::string service_connected_security(void* monitor_data, const std::str
         if (!name.empty()) {
             return name;
         }
-        sleep(static_cast<unsigned>(attempt));
+        wifim_sleep_s(static_cast<unsigned>(attempt));
     }
     return "";
 }
@@ -139,7 +139,7 @@ void service_get_connected_ssid(CSimpleIniA& receive_data, std::stringstream& re
     service_write_element(response_stream, "ip_addr", ip);
     service_write_element(response_stream, "netmask", netmask);
     service_write_element(response_stream, "gateway", gateway);
-    service_write_element(response_stream, "dns_server", dns.size() > 0 ? dns[0] : "");
+    service_write_element(response_stream, "dns_server", !dns.empty() ? dns[0] : "");
     service_write_element(response_stream, "dns_server", dns.size() > 1 ? dns[1] : "");
     service_end_answer(response_stream, "wifista_connected");
 }

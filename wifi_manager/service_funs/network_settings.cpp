@@ -61,22 +61,26 @@ bool service_parse_gateway(const std::string& route_text, const std::string& net
         unsigned int flags = 0;
         int refcnt = 0, use = 0, metric = 0, mtu = 0, window = 0, irtt = 0;
         unsigned long mask = 0;
-        int fields =
-            sscanf(line.c_str(), "%63s%lx%lx%X%d%d%d%lx%d%d%d", name, &destination, &gateway_value,
-                   &flags, &refcnt, &use, &metric, &mask, &mtu, &window, &irtt);
+        // The kernel's route table has a fixed layout; the count of fields
+        // read is what decides whether a line is usable.
+        int fields = sscanf(  // NOLINT(cert-err34-c)
+            line.c_str(), "%63s%lx%lx%X%d%d%d%lx%d%d%d", name, &destination, &gateway_value, &flags,
+            &refcnt, &use, &metric, &mask, &mtu, &window, &irtt);
         if (fields < 3 || destination != 0 || net_interface != name) {
             continue;
         }
         // The kernel prints the address in network byte order already.
         struct in_addr address;
         address.s_addr = static_cast<in_addr_t>(gateway_value);
-        gateway = inet_ntoa(address);
+        char text[INET_ADDRSTRLEN] = {0};
+        inet_ntop(AF_INET, &address, text, sizeof(text));
+        gateway = text;
         return true;
     }
     return false;
 }
 
-int service_get_gateway(std::string net_interface, std::string& gateway) {
+int service_get_gateway(const std::string& net_interface, std::string& gateway) {
     bool opened = false;
     std::string text = service_read_text_file(WIFIM_ROUTE_FILE, &opened);
     return opened && service_parse_gateway(text, net_interface, gateway);
@@ -123,8 +127,9 @@ static std::string service_address_text(const struct sockaddr* address) {
     return text;
 }
 
-bool service_get_network_setting(std::string net_interface, std::string& ip, std::string& netmask,
-                                 std::string& gateway, std::vector<std::string>& dns) {
+bool service_get_network_setting(const std::string& net_interface, std::string& ip,
+                                 std::string& netmask, std::string& gateway,
+                                 std::vector<std::string>& dns) {
     ip.clear();
     netmask.clear();
     gateway.clear();

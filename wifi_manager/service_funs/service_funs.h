@@ -77,9 +77,10 @@ void service_set_network_setting(CSimpleIniA& receive_data, std::stringstream& r
 
 // Live network state of an interface: IPv4 address and netmask, default
 // gateway and DNS servers.
-bool service_get_network_setting(std::string net_interface, std::string& ip, std::string& netmask,
-                                 std::string& gateway, std::vector<std::string>& dns);
-int service_get_gateway(std::string net_interface, std::string& gateway);
+bool service_get_network_setting(const std::string& net_interface, std::string& ip,
+                                 std::string& netmask, std::string& gateway,
+                                 std::vector<std::string>& dns);
+int service_get_gateway(const std::string& net_interface, std::string& gateway);
 bool service_get_dnsserver(std::vector<std::string>& dns_server_vector);
 // The same readers on given text, for the files' contents.
 bool service_parse_gateway(const std::string& route_text, const std::string& net_interface,

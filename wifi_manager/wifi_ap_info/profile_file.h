@@ -45,7 +45,7 @@
 #define WAPINFO_DEFAULT_DNS "8.8.8.8"
 
 // A profile without a priority key stays outside the ordering.
-#define WAPINFO_DEFAULT_PRIORITY -1
+#define WAPINFO_DEFAULT_PRIORITY (-1)
 
 // A failed save is retried a few times, so that a passing failure does not
 // lose the user's settings; the random pause keeps two writers of the file

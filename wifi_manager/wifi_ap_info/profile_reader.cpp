@@ -99,7 +99,7 @@ static void wapinfo_store_profile(std::vector<wifi_ap_info>* list, const char* s
 // know makes only that one profile unusable.
 static void wapinfo_read_profile_list(const CSimpleIniA& ini, std::vector<wifi_ap_info>* list) {
     for (int n = 1; n < INT_MAX; n++) {
-        wapinfo_profile_keys keys;
+        wapinfo_profile_keys keys = {};
         wapinfo_format_profile_keys(n, &keys);
         const char* ssid = ini.GetValue(WAPINFO_SECTION, keys.ssid, nullptr);
         const char* security_name = ini.GetValue(WAPINFO_SECTION, keys.security, nullptr);

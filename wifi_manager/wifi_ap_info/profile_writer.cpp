@@ -16,7 +16,7 @@
 // another profile), so each one is stored as a blank. A NUL byte ends the
 // value, as it does for every C string the file is built from.
 static std::string wapinfo_file_value(const std::string& value) {
-    std::string text(value.c_str());
+    std::string text = value.substr(0, value.find('\0'));
     for (char& c : text) {
         if (c == '\n' || c == '\r') {
             c = ' ';
@@ -59,7 +59,7 @@ static bool wapinfo_is_storable(const wifi_ap_info& entry, const char** security
 
 static void wapinfo_put_profile(CSimpleIniA* ini, int n, const wifi_ap_info& entry,
                                 const char* security_name) {
-    wapinfo_profile_keys keys;
+    wapinfo_profile_keys keys = {};
     wapinfo_format_profile_keys(n, &keys);
     wapinfo_put_text(ini, keys.ssid, entry.ssid);
     ini->SetValue(WAPINFO_SECTION, keys.security, security_name);

@@ -36,6 +36,7 @@ static int wifim_option_number(const char* text) {
 
 static void wifim_parse_options(int argc, char* argv[], wifim_options* options) {
     int opt;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): options are read before any thread
     while ((opt = getopt_long(argc, argv, "hvFc:i:T:C:m:", g_long_options, nullptr)) != -1) {
         switch (opt) {
             case 'F':
@@ -58,7 +59,7 @@ static void wifim_parse_options(int argc, char* argv[], wifim_options* options) 
                 break;
             default:  // -h, -v and anything unknown
                 wifim_display_help(argv[0]);
-                exit(0);
+                wifim_exit(0);
         }
     }
 }
@@ -74,14 +75,14 @@ static void wifim_detach() {
     pid_t pid = fork();
     if (pid < 0) {
         WIFIM_MAIN_LOG(LOG_FocusWrite, "Can't fork process!!");
-        exit(1);
+        wifim_exit(1);
     }
     if (pid > 0) {
-        exit(0);
+        wifim_exit(0);
     }
     umask(0);
     if (setsid() < 0) {
-        exit(1);
+        wifim_exit(1);
     }
     // A daemon started from a script must not hold the script's output
     // open: nothing is printed in the background anyway.
@@ -129,12 +130,12 @@ int main(int argc, char* argv[]) {
 
     if (pipe(g_ping_pipe_fd) != 0) {
         WIFIM_MAIN_LOG(LOG_FocusWrite, "Can't create pipe, program terminate");
-        exit(1);
+        wifim_exit(1);
     }
     g_child_pid = fork();
     if (g_child_pid < 0) {
         WIFIM_MAIN_LOG(LOG_FocusWrite, "Can't fork process!!");
-        exit(1);
+        wifim_exit(1);
     }
     if (g_child_pid > 0) {
         // Returns only in a worker forked anew after a restart.

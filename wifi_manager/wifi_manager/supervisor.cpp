@@ -63,9 +63,9 @@ static bool wifim_watch_until_overdue(unsigned* l_wait_count) {
 
 static void wifim_kill_child() {
     kill(g_child_pid, SIGTERM);
-    sleep(WIFIM_KILL_WAIT_S);
+    wifim_sleep_s(WIFIM_KILL_WAIT_S);
     kill(g_child_pid, SIGKILL);
-    sleep(WIFIM_KILL_WAIT_S);
+    wifim_sleep_s(WIFIM_KILL_WAIT_S);
     kill(g_child_pid, SIGKILL);
     wait(nullptr);
 }
@@ -73,11 +73,14 @@ static void wifim_kill_child() {
 static void wifim_restart_station() {
     close(g_ping_pipe_fd[0]);
     close(g_ping_pipe_fd[1]);
-    int ignored = system(WIFIM_STATION_STOP_COMMAND);
-    sleep(WIFIM_AFTER_STOP_SCRIPT_S);
-    ignored = system(WIFIM_STATION_START_COMMAND);
-    (void)ignored;
-    sleep(WIFIM_AFTER_START_SCRIPT_S);
+    // The scripts report nothing the supervisor could act on: the new
+    // worker finds out itself whether the station came back.
+    int stop_status = system(WIFIM_STATION_STOP_COMMAND);
+    (void)stop_status;
+    wifim_sleep_s(WIFIM_AFTER_STOP_SCRIPT_S);
+    int start_status = system(WIFIM_STATION_START_COMMAND);
+    (void)start_status;
+    wifim_sleep_s(WIFIM_AFTER_START_SCRIPT_S);
 }
 
 void wifim_monitor_child_process() {
@@ -98,15 +101,15 @@ void wifim_monitor_child_process() {
         wifim_restart_station();
         if (pipe(g_ping_pipe_fd) != 0) {
             WIFIM_LOG(LOG_FocusWrite, "Can't create pipe, program terminate");
-            exit(1);
+            wifim_exit(1);
         }
         g_child_pid = fork();
         if (g_child_pid < 0) {
             WIFIM_LOG(LOG_FocusWrite, "Can't fork process!!");
-            exit(1);
+            wifim_exit(1);
         }
     }
     if (g_child_pid > 0) {
-        exit(0);
+        wifim_exit(0);
     }
 }

@@ -58,6 +58,13 @@ void wifim_append_str_to_file(const char* filename, const char* msg, long file_m
 
 // lstat-based existence checks: a symbolic link counts as a file whatever it
 // points to; a directory is not a file.
+// Ends the supervisor, or the process before it forks: one thread only, so
+// the exit handlers run alone.
+[[noreturn]] void wifim_exit(int status);
+
+// Sleeps whole seconds; a signal cuts the sleep short, as with sleep().
+void wifim_sleep_s(unsigned seconds);
+
 bool wifim_file_exist(const char* path);
 bool wifim_folder_exist(const char* path);
 

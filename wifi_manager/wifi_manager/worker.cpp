@@ -30,7 +30,7 @@ void wifim_run_worker(const wifim_options* options) {
         // Without a controller the worker never pings: the supervisor
         // restarts it once its allowance has run out.
         WIFIM_MAIN_LOG(LOG_FocusWrite, "Can't initialize wpa monitor");
-        sleep(WIFIM_NO_CONTROLLER_PAUSE_S);
+        wifim_sleep_s(WIFIM_NO_CONTROLLER_PAUSE_S);
     } else {
         wpacm_service(g_wpacli_data);
     }
@@ -40,5 +40,6 @@ void wifim_run_worker(const wifim_options* options) {
     close(g_ping_pipe_fd[0]);
     close(g_ping_pipe_fd[1]);
     WIFIM_MAIN_LOG(LOG_FocusWrite, "Program close");
-    exit(0);
+    // The controller is closed, so no request can reach it any more.
+    exit(0);  // NOLINT(concurrency-mt-unsafe)
 }

@@ -148,7 +148,7 @@ extern const wpa_cli_security g_wpa_security_array[WPACM_SECURITY_ROWS];
 // ---------------------------------------------------------------------------
 // Start-up, shut-down and the wpa_supplicant connection
 
-void* wpacm_init(std::string wpa_supplicant_config_file, std::string wlan_interface,
+void* wpacm_init(const std::string& wpa_supplicant_config_file, const std::string& wlan_interface,
                  int max_bound_wifiap_info);
 void wpacm_close(void* monitor_data);
 bool wpacm_get_enable(void* monitor_data);

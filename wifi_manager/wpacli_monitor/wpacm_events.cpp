@@ -146,7 +146,7 @@ static bool wpacm_event_waiting(wpacli_monitor_data* data, struct wpa_ctrl* ctrl
     fd_set fds;
     FD_ZERO(&fds);
     FD_SET(fd, &fds);
-    struct timeval wait = {timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+    struct timeval wait = {timeout_ms / 1000, (timeout_ms % 1000) * 1000L};
     if (select(fd + 1, &fds, nullptr, nullptr, &wait) < 0) {
         return false;
     }

@@ -58,11 +58,20 @@ bool wpacm_set_network_value(struct wpa_ctrl* ctrl, int network_id, const char* 
     return true;
 }
 
-// Sends one formatted whole command of the network block.
-static bool wpacm_send_block_command(struct wpa_ctrl* ctrl, const char* format, int network_id,
-                                     const char* quote = "", const char* key = "") {
+// Sends one whole command of the network block; format takes the id only.
+static bool wpacm_send_block_command(struct wpa_ctrl* ctrl, const char* format, int network_id) {
     char command[WPACM_COMMAND_SIZE];
-    snprintf(command, sizeof(command), format, network_id, quote, key, quote);
+    snprintf(command, sizeof(command), format, network_id);
+    return wpacm_send_wpa_request(ctrl, command);
+}
+
+// Sets a key variable (psk, wep_key0) in one command, the key in the quotes
+// its form needs.
+static bool wpacm_send_block_key(struct wpa_ctrl* ctrl, int network_id, const char* variable,
+                                 const char* quote, const char* key) {
+    char command[WPACM_COMMAND_SIZE];
+    snprintf(command, sizeof(command), "SET_NETWORK %d %s %s%s%s", network_id, variable, quote, key,
+             quote);
     return wpacm_send_wpa_request(ctrl, command);
 }
 
@@ -87,8 +96,7 @@ static const char* wpacm_wep_quote(const wifi_ap_info& ap_info) {
 static bool wpacm_write_keys(struct wpa_ctrl* ctrl, int id, const wifi_ap_info& ap_info) {
     const char* key = ap_info.password.c_str();
     if (ap_info.security != WIFI_SECURITY_NONE && ap_info.security != WIFI_SECURITY_WEP) {
-        if (!wpacm_send_block_command(ctrl, "SET_NETWORK %d psk %s%s%s", id,
-                                      wpacm_psk_quote(ap_info), key)) {
+        if (!wpacm_send_block_key(ctrl, id, "psk", wpacm_psk_quote(ap_info), key)) {
             WPACM_BLOCK_FAIL("set psk fail");
         }
         return true;
@@ -103,8 +111,7 @@ static bool wpacm_write_keys(struct wpa_ctrl* ctrl, int id, const wifi_ap_info& 
         WPACM_BLOCK_FAIL("mode 0 fail");
     }
     if (ap_info.security == WIFI_SECURITY_WEP) {
-        if (!wpacm_send_block_command(ctrl, "SET_NETWORK %d wep_key0 %s%s%s", id,
-                                      wpacm_wep_quote(ap_info), key)) {
+        if (!wpacm_send_block_key(ctrl, id, "wep_key0", wpacm_wep_quote(ap_info), key)) {
             WPACM_BLOCK_FAIL("set wep_key0 fail");
         }
         if (!wpacm_send_block_command(ctrl, "SET_NETWORK %d wep_tx_keyidx 0", id)) {

@@ -237,7 +237,7 @@ static void wpacm_disabled_pass(wpacm_loop_state* loop, wpacm_job_data_struct* j
     if (job != nullptr) {
         wpacm_update_job_result(loop->data, job, WIFI_CONNECT_STATUS_FAIL);
     }
-    sleep(1);
+    wifim_sleep_s(1);
     loop->data->next_scan_clock = 0;
     loop->data->next_connect_clock = 0;
 }

@@ -83,7 +83,7 @@ static void wpacm_load_registered_profiles(wpacli_monitor_data* data) {
     }
 }
 
-void* wpacm_init(std::string wpa_supplicant_config_file, std::string wlan_interface,
+void* wpacm_init(const std::string& wpa_supplicant_config_file, const std::string& wlan_interface,
                  int max_bound_wifiap_info) {
     srand(static_cast<unsigned>(time(nullptr)));
     if (!wifim_file_exist(wpa_supplicant_config_file.c_str())) {
