@@ -1,7 +1,7 @@
 #!/bin/bash
 # Builds the daemon and its tests with a sanitizer and runs the whole suite.
 #
-#   scripts/sanitizers.sh [address|thread]...   (default: both)
+#   scripts/sanitizers.sh [--build-only] [address|thread]...   (default: both)
 #
 # address = AddressSanitizer with UndefinedBehaviorSanitizer, thread =
 # ThreadSanitizer. Every process the tests start (the daemon in its sandbox,
@@ -12,6 +12,11 @@ cd "$(dirname "$0")/.."
 
 scripts/deps.sh
 
+build_only=false
+if [ "${1:-}" = --build-only ]; then
+  build_only=true
+  shift
+fi
 kinds=("$@")
 [ ${#kinds[@]} -gt 0 ] || kinds=(address thread)
 
@@ -25,6 +30,7 @@ for kind in "${kinds[@]}"; do
   cmake -S . -B "$build" -DWIFIM_WERROR=ON -DWIFIM_SANITIZE="$kind" \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
   cmake --build "$build" -j2
+  $build_only && continue
   reports=$(readlink -f "$build")/sanitizer-reports
   rm -rf "$reports"
   mkdir -p "$reports"
@@ -33,7 +39,7 @@ for kind in "${kinds[@]}"; do
   if ! ASAN_OPTIONS="$common:detect_leaks=1:abort_on_error=0" \
     UBSAN_OPTIONS="$common:print_stacktrace=1" \
     TSAN_OPTIONS="$common:second_deadlock_stack=1" \
-    ctest --test-dir "$build" -j2 --output-on-failure --timeout 600; then
+    ctest --test-dir "$build" -j4 --output-on-failure --timeout 600; then
     status=1
   fi
   if [ -n "$(ls -A "$reports")" ]; then
