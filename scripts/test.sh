@@ -1,7 +1,8 @@
 #!/bin/bash
 # Builds everything with warnings as errors and runs every test: the suite,
 # the suite again under AddressSanitizer + UndefinedBehaviorSanitizer and
-# under ThreadSanitizer, and the static analysis.
+# under ThreadSanitizer, the static analysis, and a short run of every fuzz
+# target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -29,3 +30,4 @@ fi
 
 scripts/sanitizers.sh address thread
 scripts/static-analysis.sh
+scripts/fuzz.sh --smoke

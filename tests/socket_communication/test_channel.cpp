@@ -265,6 +265,43 @@ TEST_F(Channel, MalformedFramesLeakNoDescriptor) {
         << open_fd_count() << " descriptors open, " << before << " before";
 }
 
+TEST_F(Channel, ThousandSilentClientsCostNothingOnceGone) {
+    start();
+    ASSERT_EQ(request("warm"), "echo:warm");
+    usleep(300000);
+    int before = open_fd_count();
+    // A thousand clients knock at once and say nothing. The kernel turns
+    // away those beyond the listen queue; the rest hold a service thread
+    // each until they give up.
+    std::vector<int> clients;
+    int connected = 0;
+    for (int i = 0; i < 1000; i++) {
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        ASSERT_GE(fd, 0);
+        struct sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        strcpy(addr.sun_path, kPath);
+        connected += connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+        clients.push_back(fd);
+        if (clients.size() == 200) {  // stay well inside the descriptor limit
+            usleep(20000);
+            for (int c : clients) {
+                close(c);
+            }
+            clients.clear();
+        }
+    }
+    for (int c : clients) {
+        close(c);
+    }
+    EXPECT_GT(connected, 0);
+    EXPECT_EQ(seen.calls, 1);
+    EXPECT_TRUE(
+        wifim_test::wait_until([this] { return request("after", 1500) == "echo:after"; }, 15000));
+    EXPECT_TRUE(wifim_test::wait_until([before] { return open_fd_count() <= before; }, 10000))
+        << open_fd_count() << " descriptors open, " << before << " before";
+}
+
 TEST_F(Channel, ClosingWithRequestsInFlightIsSafe) {
     start();
     seen.delay_ms = 400;
