@@ -9,7 +9,7 @@ packages=(
   libsimpleini-dev libwpa-client-dev
   libgtest-dev googletest
   wpasupplicant iproute2 util-linux procps
-  clang-format
+  clang-format shellcheck
 )
 if [ $# -gt 0 ]; then
   packages+=("$@")
