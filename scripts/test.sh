@@ -1,8 +1,9 @@
 #!/bin/bash
 # Builds everything with warnings as errors and runs every test: the suite,
 # the suite again under AddressSanitizer + UndefinedBehaviorSanitizer and
-# under ThreadSanitizer, the static analysis, and a short run of every fuzz
-# target.
+# under ThreadSanitizer, the static analysis, a short run of every fuzz
+# target, and the ARM cross-build with its unit and end-to-end tests under
+# emulation.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -31,3 +32,4 @@ fi
 scripts/sanitizers.sh address thread
 scripts/static-analysis.sh
 scripts/fuzz.sh --smoke
+scripts/cross-armhf.sh --test
