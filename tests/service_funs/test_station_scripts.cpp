@@ -39,7 +39,13 @@ TEST_F(StationScripts, StaticSettingsAreAppliedAndReportedByGetConnected) {
         [] { return ip_output("-4 addr show dev wlan0").find("10.1.2.3/16") != std::string::npos; },
         20000))
         << ip_output("-4 addr show dev wlan0");
-    EXPECT_NE(ip_output("route").find("default via 10.1.0.1 dev wlan0"), std::string::npos);
+    // The route comes a moment after the address.
+    EXPECT_TRUE(wifim_test::wait_until(
+        [] {
+            return ip_output("route").find("default via 10.1.0.1 dev wlan0") != std::string::npos;
+        },
+        5000))
+        << ip_output("route");
     EXPECT_EQ(wifim_test::read_file("/etc/resolv.conf"),
               "nameserver 10.1.0.2\nnameserver 10.1.0.3\n#wifi_manager\nnameserver 9.9.9.9\n");
     std::string report = ask("function=GetConnected");

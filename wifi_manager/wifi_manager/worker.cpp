@@ -1,4 +1,5 @@
 // The worker: everything the daemon does, started and stopped in one order.
+#include <malloc.h>
 #include <sys/stat.h>
 #include <stdlib.h>
 #include <time.h>
@@ -16,6 +17,10 @@
 void* g_wpacli_data = nullptr;
 
 void wifim_run_worker(const wifim_options* options) {
+    // A handful of threads that each allocate a few kilobytes per request:
+    // one heap serves them, where glibc would give each thread an arena of
+    // its own and keep their pages resident.
+    mallopt(M_ARENA_MAX, 1);
     umask(0);
     setsid();
     wifim_install_signal_handlers();

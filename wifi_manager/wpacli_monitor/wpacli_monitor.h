@@ -208,6 +208,8 @@ void wpacm_reset_job_queue(wpa_request* request);
 wpacm_job_data_struct* wpacm_new_job(void* monitor_data, JobID job_id, const wifi_ap_info* ap_info,
                                      const std::string& wps_pin, int timeout_ms,
                                      bool heigh_priority);
+// Waits on job_condition (job_mutex held) until the start of the next second.
+void wpacm_wait_job_condition(wpa_request* request);
 WiFi_Connection_Status wpacm_wait_job(void* monitor_data, wpacm_job_data_struct* job_data,
                                       wifi_ap_info* ap_info_data);
 void wpacm_update_job_result(void* monitor_data, wpacm_job_data_struct* job_data,

@@ -10,8 +10,13 @@ static const char* wpacm_priority_word(bool high) {
 
 // Waits on the job condition until the start of the next second, so that a
 // missed wake-up costs at most about a second.
-static void wpacm_wait_job_condition(wpa_request* request) {
-    struct timespec deadline = {time(nullptr) + 1, 0};
+void wpacm_wait_job_condition(wpa_request* request) {
+    // The deadline comes from the clock the wait itself uses: time() reads a
+    // coarser clock that can lag a few milliseconds behind, which made every
+    // wait in the first moments of a second end at once, over and over.
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    struct timespec deadline = {now.tv_sec + 1, 0};
     pthread_cond_timedwait(&request->job_condition, &request->job_mutex, &deadline);
 }
 

@@ -109,8 +109,7 @@ static bool wpacm_idle_wait(wpacm_loop_state* loop, wpacm_job_data_struct** job)
             wpacm_scan_due(data)) {
             break;
         }
-        struct timespec deadline = {time(nullptr) + 1, 0};
-        pthread_cond_timedwait(&request->job_condition, &request->job_mutex, &deadline);
+        wpacm_wait_job_condition(request);
         wpacm_ping_if_due(data);
     }
     pthread_mutex_unlock(&request->job_mutex);

@@ -1,0 +1,241 @@
+// Measurements of a running daemon, printed as JSON objects on one line each
+// for scripts/bench.sh to gather:
+//
+//   wifim_bench requests SOCKET COUNT      round trip of four kinds of request
+//   wifim_bench throughput SOCKET COUNT    GetAPList from 1, 5 and 20 clients
+//   wifim_bench connect SOCKET COUNT       ConnectAP answered at once
+//   wifim_bench run COUNT PROGRAM [ARG]... a whole process, start to end
+//
+// Requests are framed here, one per connection, as the device's own clients
+// do; times are in microseconds.
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+const uint32_t kIdentify = 0x7E58D3A9u;
+
+struct frame_head {
+    uint32_t identify_num;
+    uint32_t data_size;
+    uint32_t check_sum;
+};
+
+double now_us() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) * 1e6 + static_cast<double>(ts.tv_nsec) / 1e3;
+}
+
+bool read_exact(int fd, void* buf, size_t size) {
+    char* p = static_cast<char*>(buf);
+    while (size > 0) {
+        ssize_t n = recv(fd, p, size, 0);
+        if (n <= 0) {
+            return false;
+        }
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// One request, start to answer; false when no answer came.
+bool round_trip(const char* socket_path, const std::string& request, std::string* answer) {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, socket_path, sizeof(addr.sun_path) - 1);
+    bool ok = false;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) {
+        std::string frame(sizeof(frame_head), '\0');
+        frame_head head = {kIdentify, static_cast<uint32_t>(request.size()), 0};
+        memcpy(&frame[0], &head, sizeof(head));
+        frame += request;
+        if (send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) ==
+                static_cast<ssize_t>(frame.size()) &&
+            read_exact(fd, &head, sizeof(head)) && head.data_size < (1u << 20)) {
+            answer->resize(head.data_size);
+            ok = read_exact(fd, &(*answer)[0], head.data_size);
+        }
+    }
+    close(fd);
+    return ok;
+}
+
+struct summary {
+    double median = 0, p99 = 0, max = 0;
+    size_t failed = 0;
+};
+
+summary summarize(std::vector<double> samples, size_t failed) {
+    summary s;
+    s.failed = failed;
+    if (samples.empty()) {
+        return s;
+    }
+    std::sort(samples.begin(), samples.end());
+    s.median = samples[samples.size() / 2];
+    s.p99 = samples[std::min(samples.size() - 1, samples.size() * 99 / 100)];
+    s.max = samples.back();
+    return s;
+}
+
+void print_summary(const char* name, const summary& s, bool comma) {
+    printf("\"%s\":{\"median_us\":%.1f,\"p99_us\":%.1f,\"max_us\":%.1f,\"failed\":%zu}%s", name,
+           s.median, s.p99, s.max, s.failed, comma ? "," : "");
+}
+
+summary time_requests(const char* socket_path, const std::string& request, int count) {
+    std::vector<double> samples;
+    samples.reserve(static_cast<size_t>(count));
+    size_t failed = 0;
+    std::string answer;
+    for (int i = 0; i < count; i++) {
+        double start = now_us();
+        if (round_trip(socket_path, request, &answer)) {
+            samples.push_back(now_us() - start);
+        } else {
+            failed++;
+        }
+    }
+    return summarize(samples, failed);
+}
+
+int bench_requests(const char* socket_path, int count) {
+    const char* names[] = {"GetAPList", "GetNetSetting", "GetWPSPin", "unknown"};
+    const char* requests[] = {"function=GetAPList", "function=GetNetSetting", "function=GetWPSPin",
+                              "function=NoSuchFunction"};
+    printf("{");
+    for (int k = 0; k < 4; k++) {
+        time_requests(socket_path, requests[k], count / 20);  // warm-up
+        print_summary(names[k], time_requests(socket_path, requests[k], count), k < 3);
+    }
+    printf("}\n");
+    return 0;
+}
+
+int bench_throughput(const char* socket_path, int count) {
+    const int levels[] = {1, 5, 20};
+    printf("{");
+    for (int l = 0; l < 3; l++) {
+        int clients = levels[l];
+        std::vector<std::vector<double>> samples(static_cast<size_t>(clients));
+        std::atomic<size_t> failed{0};
+        std::vector<std::thread> threads;
+        double start = now_us();
+        for (int c = 0; c < clients; c++) {
+            threads.emplace_back([&, c] {
+                std::string answer;
+                for (int i = c; i < count; i += clients) {
+                    double t = now_us();
+                    if (round_trip(socket_path, "function=GetAPList", &answer)) {
+                        samples[static_cast<size_t>(c)].push_back(now_us() - t);
+                    } else {
+                        failed++;
+                    }
+                }
+            });
+        }
+        for (auto& t : threads) {
+            t.join();
+        }
+        double seconds = (now_us() - start) / 1e6;
+        std::vector<double> all;
+        for (auto& s : samples) {
+            all.insert(all.end(), s.begin(), s.end());
+        }
+        summary s = summarize(all, failed);
+        printf(
+            "\"%d\":{\"requests_per_s\":%.0f,\"median_us\":%.1f,\"p99_us\":%.1f,\"failed\":%zu}%s",
+            clients, static_cast<double>(all.size()) / seconds, s.median, s.p99, s.failed,
+            l < 2 ? "," : "");
+    }
+    printf("}\n");
+    return 0;
+}
+
+// ConnectAP to a network the simulator joins at once; the answer includes the
+// daemon's fixed 500 ms pause before it adds the network.
+int bench_connect(const char* socket_path, int count) {
+    std::vector<double> samples;
+    size_t failed = 0;
+    std::string answer;
+    for (int i = 0; i < count; i++) {
+        double start = now_us();
+        bool ok = round_trip(socket_path, "function=ConnectAP\nssid=cafe\nsecurity=open", &answer);
+        double elapsed = now_us() - start;
+        if (ok && answer.find("<result>0</result>") != std::string::npos) {
+            samples.push_back(elapsed);
+        } else {
+            failed++;
+        }
+    }
+    summary s = summarize(samples, failed);
+    printf(
+        "{\"median_us\":%.0f,\"p99_us\":%.0f,\"fixed_pause_us\":500000,"
+        "\"own_median_us\":%.0f,\"failed\":%zu}\n",
+        s.median, s.p99, s.median - 500000.0, s.failed);
+    return 0;
+}
+
+int bench_run(int count, char** argv) {
+    std::vector<double> samples;
+    size_t failed = 0;
+    for (int i = 0; i < count; i++) {
+        double start = now_us();
+        pid_t pid = fork();
+        if (pid == 0) {
+            int null_fd = open("/dev/null", O_WRONLY);
+            dup2(null_fd, 1);
+            execvp(argv[0], argv);
+            _exit(127);
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        double elapsed = now_us() - start;
+        if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+            samples.push_back(elapsed);
+        } else {
+            failed++;
+        }
+    }
+    summary s = summarize(samples, failed);
+    printf("{\"median_us\":%.0f,\"p99_us\":%.0f,\"failed\":%zu}\n", s.median, s.p99, s.failed);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc >= 4 && strcmp(argv[1], "requests") == 0) {
+        return bench_requests(argv[2], atoi(argv[3]));
+    }
+    if (argc >= 4 && strcmp(argv[1], "throughput") == 0) {
+        return bench_throughput(argv[2], atoi(argv[3]));
+    }
+    if (argc >= 4 && strcmp(argv[1], "connect") == 0) {
+        return bench_connect(argv[2], atoi(argv[3]));
+    }
+    if (argc >= 4 && strcmp(argv[1], "run") == 0) {
+        return bench_run(atoi(argv[2]), argv + 3);
+    }
+    fprintf(stderr,
+            "usage: %s requests|throughput|connect SOCKET COUNT | run COUNT PROGRAM [ARG]...\n",
+            argv[0]);
+    return 2;
+}
