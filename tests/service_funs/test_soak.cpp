@@ -183,7 +183,7 @@ worker_usage usage_of(pid_t pid) {
     return usage;
 }
 
-bool under_emulator(pid_t pid) {
+[[maybe_unused]] bool under_emulator(pid_t pid) {
     char target[256] = {0};
     std::string link = "/proc/" + std::to_string(pid) + "/exe";
     ssize_t n = readlink(link.c_str(), target, sizeof(target) - 1);
