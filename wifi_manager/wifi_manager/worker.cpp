@@ -19,8 +19,8 @@ void* g_wpacli_data = nullptr;
 void wifim_run_worker(const wifim_options* options) {
     // A handful of threads that each allocate a few kilobytes per request:
     // one heap serves them, where glibc would give each thread an arena of
-    // its own and keep their pages resident.
-    mallopt(M_ARENA_MAX, 1);
+    // its own and keep their pages resident. Set before any thread starts.
+    mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe)
     umask(0);
     setsid();
     wifim_install_signal_handlers();
