@@ -6,15 +6,13 @@
 //   wifim_bench connect SOCKET COUNT       ConnectAP answered at once
 //   wifim_bench run COUNT PROGRAM [ARG]... a whole process, start to end
 //
-// Requests are framed here, one per connection, as the device's own clients
-// do; times are in microseconds.
+// Requests are framed by hand, one per connection, as the device's own
+// clients do; times are in microseconds.
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -25,56 +23,14 @@
 #include <thread>
 #include <vector>
 
+#include "raw_client.h"
+
 namespace {
-
-const uint32_t kIdentify = 0x7E58D3A9u;
-
-struct frame_head {
-    uint32_t identify_num;
-    uint32_t data_size;
-    uint32_t check_sum;
-};
 
 double now_us() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<double>(ts.tv_sec) * 1e6 + static_cast<double>(ts.tv_nsec) / 1e3;
-}
-
-bool read_exact(int fd, void* buf, size_t size) {
-    char* p = static_cast<char*>(buf);
-    while (size > 0) {
-        ssize_t n = recv(fd, p, size, 0);
-        if (n <= 0) {
-            return false;
-        }
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// One request, start to answer; false when no answer came.
-bool round_trip(const char* socket_path, const std::string& request, std::string* answer) {
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, socket_path, sizeof(addr.sun_path) - 1);
-    bool ok = false;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) {
-        std::string frame(sizeof(frame_head), '\0');
-        frame_head head = {kIdentify, static_cast<uint32_t>(request.size()), 0};
-        memcpy(&frame[0], &head, sizeof(head));
-        frame += request;
-        if (send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) ==
-                static_cast<ssize_t>(frame.size()) &&
-            read_exact(fd, &head, sizeof(head)) && head.data_size < (1u << 20)) {
-            answer->resize(head.data_size);
-            ok = read_exact(fd, &(*answer)[0], head.data_size);
-        }
-    }
-    close(fd);
-    return ok;
 }
 
 struct summary {
@@ -107,7 +63,7 @@ summary time_requests(const char* socket_path, const std::string& request, int c
     std::string answer;
     for (int i = 0; i < count; i++) {
         double start = now_us();
-        if (round_trip(socket_path, request, &answer)) {
+        if (wifim_raw::round_trip(socket_path, request, &answer)) {
             samples.push_back(now_us() - start);
         } else {
             failed++;
@@ -143,7 +99,7 @@ int bench_throughput(const char* socket_path, int count) {
                 std::string answer;
                 for (int i = c; i < count; i += clients) {
                     double t = now_us();
-                    if (round_trip(socket_path, "function=GetAPList", &answer)) {
+                    if (wifim_raw::round_trip(socket_path, "function=GetAPList", &answer)) {
                         samples[static_cast<size_t>(c)].push_back(now_us() - t);
                     } else {
                         failed++;
@@ -177,7 +133,8 @@ int bench_connect(const char* socket_path, int count) {
     std::string answer;
     for (int i = 0; i < count; i++) {
         double start = now_us();
-        bool ok = round_trip(socket_path, "function=ConnectAP\nssid=cafe\nsecurity=open", &answer);
+        bool ok = wifim_raw::round_trip(socket_path, "function=ConnectAP\nssid=cafe\nsecurity=open",
+                                        &answer);
         double elapsed = now_us() - start;
         if (ok && answer.find("<result>0</result>") != std::string::npos) {
             samples.push_back(elapsed);

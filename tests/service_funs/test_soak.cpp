@@ -10,13 +10,13 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <thread>
 #include <vector>
 
+#include "raw_client.h"
 #include "request_fixture.h"
 #include "socket_communication/socket_communication.h"
 #include "wifi_ap_info/wifi_ap_info.h"
@@ -34,59 +34,16 @@ long log_bound(int writing_threads) {
     return WIFIM_LOG_MAX_SIZE + static_cast<long>(writing_threads) * WIFIM_LOG_LINE_SIZE;
 }
 
-int soak_connect() {
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, kSocket, sizeof(addr.sun_path) - 1);
-    struct timeval wait = {120, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-bool read_exact(int fd, void* buf, size_t size) {
-    char* p = static_cast<char*>(buf);
-    while (size > 0) {
-        ssize_t n = recv(fd, p, size, 0);
-        if (n <= 0) {
-            return false;
-        }
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// One well-formed request, framed as the device's clients frame it; the
-// answer's text, or "" when none came.
+// One well-formed request; the answer's text, or "" when none came.
 std::string soak_request(const std::string& request) {
-    int fd = soak_connect();
-    if (fd < 0) {
-        return "";
-    }
-    transfer_data_head head = {COMM_IDENTIFY_NUM, static_cast<uint32_t>(request.size()), 0};
     std::string answer;
-    if (send(fd, &head, sizeof(head), MSG_NOSIGNAL) == sizeof(head) &&
-        send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
-            static_cast<ssize_t>(request.size()) &&
-        read_exact(fd, &head, sizeof(head)) && head.identify_num == COMM_IDENTIFY_NUM &&
-        head.data_size > 0 && head.data_size < 65536) {
-        answer.resize(head.data_size);
-        if (!read_exact(fd, &answer[0], answer.size())) {
-            answer.clear();
-        }
-    }
-    close(fd);
+    wifim_raw::round_trip(kSocket, request, &answer, 120);
     return answer;
 }
 
 // A frame the server must refuse, or a client that goes away mid-frame.
 void soak_bad_frame(int kind) {
-    int fd = soak_connect();
+    int fd = wifim_raw::client_connect(kSocket, 120);
     if (fd < 0) {
         return;
     }
@@ -109,8 +66,7 @@ void soak_bad_frame(int kind) {
             close(fd);
             return;
     }
-    send(fd, &head, sizeof(head), MSG_NOSIGNAL);
-    send(fd, "function=GetAPList", 18, MSG_NOSIGNAL);
+    wifim_raw::send_frame(fd, head, "function=GetAPList");
     if (kind % 5 != 3) {
         char c;
         recv(fd, &c, 1, 0);  // the server closes without answering

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "raw_client.h"
 #include "socket_communication/comm_internal.h"
 #include "test_support.h"
 
@@ -55,26 +56,12 @@ static void echo_callback(int socket, char* data, int size, void* attach) {
 }
 
 static int raw_connect() {
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, kPath);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return wifim_raw::client_connect(kPath);
 }
 
 static void send_frame(int fd, uint32_t magic, uint32_t size, uint32_t check,
                        const std::string& payload) {
-    // One write: a server that refuses the header may close before a
-    // second write would reach it.
-    uint32_t head[3] = {magic, size, check};
-    std::string frame(reinterpret_cast<const char*>(head), sizeof(head));
-    frame += payload;
-    ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(frame.size()));
+    ASSERT_TRUE(wifim_raw::send_frame(fd, {magic, size, check}, payload));
 }
 
 // Reads whatever the server sends until it closes (or 5 s pass).
