@@ -15,9 +15,10 @@ cd "$(dirname "$0")/.."
 run_tests=false
 [ "${1:-}" = --test ] && run_tests=true
 
+# The armhf indexes arrive with the next update, which the package step runs
+# because the armhf packages are missing.
 if [ "$(id -u)" = 0 ] && ! dpkg --print-foreign-architectures | grep -qx armhf; then
   dpkg --add-architecture armhf
-  apt-get update -qq
 fi
 scripts/deps.sh crossbuild-essential-armhf libwpa-client-dev:armhf libgtest-dev:armhf \
   qemu-user-static
