@@ -20,6 +20,9 @@ WIFIM_APT_GET=${WIFIM_APT_GET:-apt-get}
 WIFIM_DPKG_QUERY=${WIFIM_DPKG_QUERY:-dpkg-query}
 WIFIM_APT_UPDATE_ATTEMPTS=${WIFIM_APT_UPDATE_ATTEMPTS:-3}
 WIFIM_APT_PAUSE_S=${WIFIM_APT_PAUSE_S:-10}
+# Another apt (a second script, the machine's own updater) may hold dpkg's
+# lock for a while: wait for it rather than fail.
+WIFIM_APT_LOCK_WAIT=(-o DPkg::Lock::Timeout=600)
 
 wifim_package_installed() {
   # shellcheck disable=SC2016 # ${Status} is dpkg-query's own field syntax
@@ -38,7 +41,7 @@ wifim_apt_update() {
   local attempt
   export DEBIAN_FRONTEND=noninteractive
   for ((attempt = 1; attempt <= WIFIM_APT_UPDATE_ATTEMPTS; attempt++)); do
-    if "$WIFIM_APT_GET" update -qq; then
+    if "$WIFIM_APT_GET" "${WIFIM_APT_LOCK_WAIT[@]}" update -qq; then
       return 0
     fi
     echo "warning: apt-get update failed (attempt $attempt of $WIFIM_APT_UPDATE_ATTEMPTS)" >&2
@@ -81,7 +84,8 @@ wifim_install_packages() {
     return 1
   fi
   wifim_apt_update
-  wifim_apt_retry "$WIFIM_APT_GET" install -y -qq --no-install-recommends "${missing[@]}" || true
+  wifim_apt_retry "$WIFIM_APT_GET" "${WIFIM_APT_LOCK_WAIT[@]}" install -y -qq \
+    --no-install-recommends "${missing[@]}" || true
   mapfile -t still < <(wifim_missing_packages "${missing[@]}")
   if [ ${#still[@]} -gt 0 ]; then
     echo "could not install these Debian packages: ${still[*]}" >&2

@@ -18,6 +18,8 @@ failures=0
 # packages installed.
 cat >"$work/apt-get" <<'STUB'
 #!/bin/bash
+# dpkg's lock options come first; the command is the first other word.
+while [ "$1" = -o ]; do shift 2; done
 echo "$*" >>"$STUB_DIR/calls"
 case "$1" in
   update)
