@@ -264,6 +264,10 @@ static std::string sim_dispatch(const std::string& command, const sim_client& fr
         sim_start_connect();
         return "OK\n";
     }
+    if (verb == "BSS_FLUSH") {
+        g_sim.known_bss.clear();
+        return "OK\n";
+    }
     if (verb == "SAVE_CONFIG") {
         sim_save_config();
         return "OK\n";

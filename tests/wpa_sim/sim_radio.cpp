@@ -41,6 +41,10 @@ static std::string sim_var(const sim_network& n, const std::string& var,
     return it == n.vars.end() ? fallback : it->second;
 }
 
+static bool sim_ap_is_wpa(const sim_ap& ap) {
+    return ap.flags.find("WPA") != std::string::npos;
+}
+
 bool sim_ap_is_open(const sim_ap& ap) {
     return ap.flags.find("WPA") == std::string::npos && ap.flags.find("WEP") == std::string::npos;
 }
@@ -106,8 +110,15 @@ static std::string sim_wps_availability() {
     return found;
 }
 
-static void sim_scan_done() {
+void sim_scan_done() {
     g_sim.last_scan_ms = sim_now_ms();
+    for (const sim_ap& ap : g_sim.aps) {
+        if (g_sim.known_bss.count(ap.bssid) == 0) {
+            int id = g_sim.next_bss_id++;
+            g_sim.known_bss[ap.bssid] = id;
+            sim_event("CTRL-EVENT-BSS-ADDED " + std::to_string(id) + " " + ap.bssid);
+        }
+    }
     sim_event("CTRL-EVENT-SCAN-RESULTS ");
     std::string wps = sim_wps_availability();
     if (!wps.empty()) {
@@ -163,10 +174,6 @@ void sim_complete(int id, const sim_ap& ap) {
 
 static std::string sim_ap_words(const sim_ap& ap) {
     return ap.bssid + " (SSID='" + ap.ssid + "' freq=" + std::to_string(ap.freq) + " MHz)";
-}
-
-static bool sim_ap_is_wpa(const sim_ap& ap) {
-    return ap.flags.find("WPA") != std::string::npos;
 }
 
 std::string sim_connected_text(int id, const sim_ap& ap) {
@@ -352,6 +359,30 @@ void sim_start_connect() {
     }
 }
 
+// The ciphers and key management STATUS reports for an association.
+struct sim_link_words {
+    std::string pairwise = "NONE";
+    std::string group = "NONE";
+    std::string key_mgmt = "NONE";
+};
+
+static sim_link_words sim_link_words_of(const sim_network& n, const sim_ap& ap) {
+    sim_link_words words;
+    if (ap.flags.find("WEP") != std::string::npos) {
+        std::string given = sim_var(n, "wep_key0", "");
+        bool hex = !given.empty() && given.front() != '"';
+        size_t key = sim_unquote(given).size();
+        words.pairwise = words.group = (hex ? key / 2 : key) <= 5 ? "WEP-40" : "WEP-104";
+    } else if (sim_ap_is_wpa(ap)) {
+        words.pairwise = ap.flags.find("CCMP") != std::string::npos ? "CCMP" : "TKIP";
+        words.group = ap.flags.find("TKIP") != std::string::npos ? "TKIP" : "CCMP";
+        bool rsn = ap.flags.find("WPA2") != std::string::npos &&
+                   sim_var(n, "proto", "WPA RSN").find("RSN") != std::string::npos;
+        words.key_mgmt = rsn ? "WPA2-PSK" : "WPA-PSK";
+    }
+    return words;
+}
+
 std::string sim_status() {
     std::ostringstream out;
     if (g_sim.wpa_state == "COMPLETED") {
@@ -360,16 +391,16 @@ std::string sim_status() {
             n = net.id == g_sim.current_id ? &net : n;
         }
         const sim_ap* ap = n != nullptr ? sim_find_ap(*n) : nullptr;
-        std::string key_mgmt = n != nullptr ? sim_var(*n, "key_mgmt", "WPA-PSK") : "NONE";
-        bool open = key_mgmt == "NONE";
+        sim_link_words words =
+            (n != nullptr && ap != nullptr) ? sim_link_words_of(*n, *ap) : sim_link_words();
         out << "bssid=" << g_sim.current_bssid << "\n"
             << "freq=" << (ap != nullptr ? ap->freq : 0) << "\n"
             << "ssid=" << (n != nullptr ? sim_network_ssid(*n) : "") << "\n"
             << "id=" << g_sim.current_id << "\n"
             << "mode=station\n"
-            << "pairwise_cipher=" << (open ? "NONE" : "CCMP") << "\n"
-            << "group_cipher=" << (open ? "NONE" : "CCMP") << "\n"
-            << "key_mgmt=" << (open ? "NONE" : "WPA2-PSK") << "\n";
+            << "pairwise_cipher=" << words.pairwise << "\n"
+            << "group_cipher=" << words.group << "\n"
+            << "key_mgmt=" << words.key_mgmt << "\n";
     }
     out << "wpa_state=" << g_sim.wpa_state << "\n"
         << "address=" SIM_ADDRESS "\n"

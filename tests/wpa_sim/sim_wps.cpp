@@ -62,15 +62,39 @@ static void sim_wps_success(sim_timeline* t, const sim_ap& ap, int id) {
     sim_finish_wpa(t, id, ap, step);
 }
 
+// A PIN the registrar refuses: the exchange fails, the station leaves, drops
+// the WPS network and finds nothing else to join.
+static void sim_wps_refused(sim_timeline* t, const sim_ap& ap, int id) {
+    sim_wps_begin_exchange(t, ap);
+    sim_then(t, g_sim.wps_delay_ms / 2, [] { sim_event("WPS-FAIL msg=8 config_error=18"); });
+    sim_then(t, g_sim.connect_delay_ms, [ap] {
+        sim_event("CTRL-EVENT-EAP-STATUS status='completion' parameter='failure'");
+        sim_event("CTRL-EVENT-EAP-FAILURE EAP authentication failed");
+        g_sim.wpa_state = "DISCONNECTED";
+        sim_event("CTRL-EVENT-DISCONNECTED bssid=" + ap.bssid + " reason=3 locally_generated=1");
+        sim_event("CTRL-EVENT-DSCP-POLICY clear_all");
+    });
+    sim_then(t, 10, [] {
+        g_sim.wpa_state = "SCANNING";
+        sim_event("CTRL-EVENT-SCAN-STARTED ");
+    });
+    sim_then(t, g_sim.scan_delay_ms / 3,
+             [id] { sim_event("CTRL-EVENT-NETWORK-REMOVED " + std::to_string(id)); });
+    sim_then(t, g_sim.scan_delay_ms - g_sim.scan_delay_ms / 3, [] {
+        sim_scan_done();
+        sim_event("CTRL-EVENT-NETWORK-NOT-FOUND ");
+    });
+}
+
 std::string sim_start_wps(bool pbc, const std::string& pin) {
     g_sim.attempt_generation++;
     std::vector<const sim_ap*> offering;
-    bool pin_refused = false;
+    const sim_ap* refusing = nullptr;
     for (const sim_ap& ap : g_sim.aps) {
         if (pbc && ap.wps == "pbc") {
             offering.push_back(&ap);
         } else if (!pbc && !ap.wps.empty() && ap.wps != "pbc") {
-            (ap.wps == pin ? offering.push_back(&ap) : (void)(pin_refused = true));
+            (ap.wps == pin ? offering.push_back(&ap) : (void)(refusing = &ap));
         }
     }
     int id = sim_lowest_free_network_id();
@@ -83,8 +107,8 @@ std::string sim_start_wps(bool pbc, const std::string& pin) {
         sim_then(&t, 0, [] { sim_event("WPS-OVERLAP-DETECTED "); });
     } else if (offering.size() == 1) {
         sim_wps_success(&t, *offering[0], id);
-    } else if (pin_refused) {
-        sim_then(&t, g_sim.wps_delay_ms, [] { sim_event("WPS-FAIL msg=8 config_error=18"); });
+    } else if (refusing != nullptr) {
+        sim_wps_refused(&t, *refusing, id);
     } else {
         sim_then(&t, 3 * g_sim.wps_delay_ms, [] { sim_event("WPS-TIMEOUT "); });
     }

@@ -63,6 +63,10 @@ struct sim_state {
     int wps_reassoc_ms = 160;          // WPS-SUCCESS to the new association's CONNECTED
     long last_scan_ms = -1;            // when the last scan's results came
     std::map<int, int> auth_failures;  // by network id
+    // Access points the station has seen, with the id it gave each; a scan
+    // announces those it sees for the first time.
+    std::map<std::string, int> known_bss;
+    int next_bss_id = 0;
     // Connection state.
     std::string wpa_state = "DISCONNECTED";
     int current_id = -1;
@@ -93,6 +97,8 @@ struct sim_timeline {
 };
 sim_timeline sim_new_timeline();
 void sim_then(sim_timeline* t, int delay_ms, std::function<void()> run);
+// The end of a scan: new access points announced, then the results.
+void sim_scan_done();
 // A scan within an attempt; `after` runs on its results.
 void sim_scan_then(sim_timeline* t, std::function<void()> after);
 // Authentication and association with ap, one step each step_ms.
