@@ -33,6 +33,7 @@ using wifim_test::write_file;
 namespace {
 
 const char* kXml = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n";
+const char* kNoNetworks = "network id / ssid / bssid / flags\n";
 
 std::string command_answer(const std::string& root, int result, int enable) {
     return kXml + ("<" + root + ">\n<result>" + std::to_string(result) + "</result>\n<enable>") +
@@ -472,7 +473,7 @@ TEST_F(ConnectAP, WrongPassphraseAnswersFromTheLastEventAtTheDeadline) {
     EXPECT_EQ(answer, command_answer("wifista_connecte", connect_code(result), 1));
     EXPECT_GE(took, 39000) << "the wait ended before the job's deadline";
     // Nothing is left configured, nothing registered.
-    EXPECT_EQ(station("LIST_NETWORKS"), "network id / ssid / bssid / flags\n");
+    EXPECT_EQ(station("LIST_NETWORKS"), kNoNetworks);
     EXPECT_NE(reply_value(station("STATUS"), "wpa_state"), "COMPLETED");
     EXPECT_EQ(read_file(WIFIM_PROFILE_FILE), static_settings("192.168.50"));
     std::string events;
@@ -526,7 +527,12 @@ TEST_F(Operations, DisconnectDemotesTheProfileAndRemoveForgetsIt) {
     ASSERT_EQ(ask(connect_request(radio::kOpen, "none", "")),
               command_answer("wifista_connecte", 0, 1));
     EXPECT_EQ(ask("function=Disconnect"), command_answer("wifista_reconnecte", 0, 1));
-    EXPECT_EQ(station("LIST_NETWORKS"), "network id / ssid / bssid / flags\n");
+    // The answer may come before the station is let go: the service loop's
+    // own copy of the status is refreshed by scans only, so right after a
+    // connect it does not know it is connected, answers at once and then
+    // removes the networks.
+    EXPECT_TRUE(wait_until([] { return station("LIST_NETWORKS") == kNoNetworks; }, 10000))
+        << station("LIST_NETWORKS");
     EXPECT_NE(reply_value(station("STATUS"), "wpa_state"), "COMPLETED");
     EXPECT_FALSE(file_exists(WIFIM_CONNECTED_MARKER_FILE));
     EXPECT_EQ(read_file(WIFIM_PROFILE_FILE),
@@ -547,9 +553,10 @@ TEST_F(Operations, EnableOffDisconnectsAndEnableOnConnectsAgainOnItsOwn) {
     const std::string registered = profile_entry(1, radio::kOpen.ssid, "none", "", "ascii", 1);
 
     EXPECT_EQ(ask("function=Enable\nenable=0"), command_answer("wifista_enable", 0, 0));
+    EXPECT_TRUE(wait_until([] { return station("LIST_NETWORKS") == kNoNetworks; }, 10000))
+        << station("LIST_NETWORKS");
     EXPECT_TRUE(wait_until(
         [] { return reply_value(station("STATUS"), "wpa_state") != "COMPLETED"; }, 10000));
-    EXPECT_EQ(station("LIST_NETWORKS"), "network id / ssid / bssid / flags\n");
     EXPECT_EQ(read_file(WIFIM_PROFILE_FILE), static_settings("192.168.50", false) + registered);
     EXPECT_EQ(ask("function=GetAPList"),
               kXml + std::string("<wifista_ap_list>\n<result>0</result>\n<enable>0</enable>\n"
@@ -557,12 +564,18 @@ TEST_F(Operations, EnableOffDisconnectsAndEnableOnConnectsAgainOnItsOwn) {
     // Switched off, a connect does nothing and says so by its enable 0.
     EXPECT_EQ(ask(connect_request(radio::kOpen, "none", "")),
               command_answer("wifista_connecte", 0, 0));
-    EXPECT_EQ(station("LIST_NETWORKS"), "network id / ssid / bssid / flags\n");
+    EXPECT_EQ(station("LIST_NETWORKS"), kNoNetworks);
 
     EXPECT_EQ(ask("function=Enable\nenable=1"), command_answer("wifista_enable", 0, 1));
     EXPECT_EQ(read_file(WIFIM_PROFILE_FILE), static_settings("192.168.50") + registered);
     EXPECT_TRUE(wait_connected_to(radio::kOpen, 120000)) << station("STATUS");
-    EXPECT_EQ(log_count("Try to connect to SSID : radio-open, network id:-1, skip bssid:"), 1);
+    // Chosen with the network id of the connect that registered it, and
+    // nothing to pass over: the disconnect forgot the last access point.
+    std::vector<std::string> tries = wifim_test::log_lines_with("Try to connect to SSID : ");
+    ASSERT_EQ(tries.size(), 1u);
+    EXPECT_NE(tries[0].find("Try to connect to SSID : radio-open, network id:"), std::string::npos)
+        << tries[0];
+    EXPECT_EQ(tries[0].substr(tries[0].size() - 13), ", skip bssid:") << tries[0];
 }
 
 // ------------------------------------------------------------ WPS
@@ -602,7 +615,7 @@ TEST_F(WPS, PinRegistersTheLearntProfile) {
     size_t at = pin_answer.find("<pin>");
     ASSERT_NE(at, std::string::npos) << pin_answer;
     std::string pin = pin_answer.substr(at + 5, 8);
-    ASSERT_EQ(radio::access_point_command(radio::kWpa2, "WPS_PIN any " + pin), pin + "\n");
+    ASSERT_EQ(radio::access_point_command(radio::kWpa2, "WPS_PIN any " + pin), "OK\n");
     expect_learnt_profile(ask("function=WPS\nwps_pbc=0\npin=" + pin));
 }
 
@@ -616,7 +629,7 @@ TEST_F(WPS, TwoAccessPointsInPushButtonModeAnswerOverlap) {
     EXPECT_EQ(log_count("Connected by WPS success, but can't read profile from config file, "
                         "status:10"),
               1);
-    EXPECT_EQ(station("LIST_NETWORKS"), "network id / ssid / bssid / flags\n");
+    EXPECT_EQ(station("LIST_NETWORKS"), kNoNetworks);
     EXPECT_EQ(read_file(WIFIM_PROFILE_FILE), static_settings("192.168.50"));
 }
 
@@ -625,7 +638,7 @@ TEST_F(WPS, TwoAccessPointsInPushButtonModeAnswerOverlap) {
 TEST_F(WPS, WrongPinAnswersFromTheEventThatEndedTheWait) {
     start_daemon(static_settings("192.168.50"));
     wait_in_range(radio::kWpa2.ssid);
-    ASSERT_EQ(radio::access_point_command(radio::kWpa2, "WPS_PIN any 12345670"), "12345670\n");
+    ASSERT_EQ(radio::access_point_command(radio::kWpa2, "WPS_PIN any 12345670"), "OK\n");
     long start = wifim_test::now_ms();
     std::string answer = ask("function=WPS\nwps_pbc=0\npin=23456709");
     long took = wifim_test::now_ms() - start;
@@ -650,7 +663,7 @@ TEST_F(WPS, WrongPinAnswersFromTheEventThatEndedTheWait) {
     EXPECT_NE(seen.end_line.find("status:" + std::to_string(result)), std::string::npos)
         << seen.end_line;
     EXPECT_EQ(answer, command_answer("wifista_wps", wps_code(result), 1));
-    EXPECT_EQ(station("LIST_NETWORKS"), "network id / ssid / bssid / flags\n");
+    EXPECT_EQ(station("LIST_NETWORKS"), kNoNetworks);
     EXPECT_EQ(read_file(WIFIM_PROFILE_FILE), static_settings("192.168.50"));
 }
 
