@@ -11,7 +11,7 @@
 # (nl80211) the station, and the scenario program of the build tree drives
 # the daemon of the same tree against them (tests/radio/guest/world.sh).
 #
-#   (default)   every scenario; gtest's JSON report lands in
+#   (default)   every scenario (or those of $RADIO_FILTER); gtest's JSON report lands in
 #               <build>/radio/out/results.json, read by the per-scenario tests
 #   --filter    only the scenarios matching this gtest filter
 #   --record    re-record tests/radio/transcripts/ from the real stack
@@ -29,7 +29,7 @@ src=$(cd "$here/../.." && pwd)
 . "$src/scripts/packages.sh"
 
 build=$src/build-test
-filter='*'
+filter=${RADIO_FILTER:-*}
 mode=scenarios
 accel=auto
 while [ $# -gt 0 ]; do
@@ -109,10 +109,10 @@ extract_vmlinux() { # bzImage out
 
 # The modules the radios need. The Debian package has no modules.dep, so
 # the closure comes from each module's own depends= field.
-modules="virtio_pci virtio_rng 9pnet_virtio 9p overlay
+modules=(virtio_pci virtio_rng 9pnet_virtio 9p overlay
          cfg80211 mac80211 mac80211_hwsim
-         ctr ccm gcm ghash-generic cmac gmac seqiv ecb aesni_intel
-         libarc4 michael_mic"
+         ctr ccm gcm ghash-generic cmac seqiv ecb aesni_intel
+         libarc4 michael_mic)
 
 build_initramfs() { # unpacked-package initramfs-dir
     local modsrc=$1/lib/modules/$kernel_version ir=$2 m
@@ -142,10 +142,10 @@ build_initramfs() { # unpacked-package initramfs-dir
     mknod -m 600 "$ir/dev/console" c 5 1
     mknod -m 666 "$ir/dev/null" c 1 3
     install -m 755 "$here/guest/init" "$ir/init"
-    for m in $modules; do
+    for m in "${modules[@]}"; do
         add_module "$m"
     done
-    printf '%s\n' $modules | grep -v '^mac80211_hwsim$' >"$ir/etc/preload-modules"
+    printf '%s\n' "${modules[@]}" | grep -v '^mac80211_hwsim$' >"$ir/etc/preload-modules"
     cp "$modsrc/modules.builtin" "$modsrc/modules.order" "$ir/lib/modules/$kernel_version/"
     "$busybox" depmod -b "$ir" "$kernel_version"
     (cd "$ir" && find . | cpio -o -H newc --quiet) >"$initrd.new"
@@ -193,12 +193,14 @@ append="$append radio_src=$src radio_build=$build radio_out=$out"
 
 qemu_command() { # accel
     local accel_options
+    # shellcheck disable=SC2054 # the commas belong to qemu's own options
     if [ "$1" = kvm ]; then
         # Nested KVM may refuse MSR 0x10a, which qemu then aborts on.
         accel_options=(-accel kvm -cpu host,-arch-capabilities)
     else
         accel_options=(-accel tcg -cpu max)
     fi
+    # shellcheck disable=SC2054
     qemu=(qemu-system-x86_64 "${accel_options[@]}" -M pc -smp 1 -m 1024
           -nodefaults -no-user-config -display none -vga none -no-reboot
           -kernel "$kernel_dir/vmlinux" -initrd "$initrd" -append "$append"

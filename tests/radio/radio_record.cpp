@@ -7,7 +7,9 @@
 //
 //   scan-results.txt        SCAN_RESULTS of every security kind in the world
 //   status.txt              STATUS once connected to each kind
-//   connect-events.txt      a WPA2-PSK connection, scans during it included
+//   connect-events.txt      a WPA2-PSK connection on fresh scan results
+//   connect-scan-events.txt the same with no scan results kept: the scan
+//                           wpa_supplicant makes during the connection
 //   wrong-key-events.txt    a wrong passphrase, up to the second back-off
 //   wps-pbc-events.txt      WPS by push button, station and access point
 //   wps-network-block.txt   the network block wpa_supplicant saves for it
@@ -153,8 +155,11 @@ bool record_status_of_each_kind() {
 }
 
 bool record_connect(const std::string& name, const std::string& key, const std::string& until,
-                    int timeout_ms) {
+                    int timeout_ms, bool forget_scan = false) {
     reset_station();
+    if (forget_scan) {
+        note("> BSS_FLUSH 0    -> " + station("BSS_FLUSH 0").substr(0, 2));
+    }
     note(std::string("# ") + radio::kWpa2.ssid + " (WPA2-PSK CCMP), passphrase \"" + key +
          "\", with the daemon's commands; times from ENABLE_NETWORK");
     configure(radio::kWpa2, "wpa", key);
@@ -233,6 +238,9 @@ int main(int argc, char** argv) {
     steps.push_back({"status of each kind", record_status_of_each_kind()});
     steps.push_back({"connect", record_connect("connect-events.txt", radio::kWpa2.key,
                                                "CTRL-EVENT-CONNECTED", 30000)});
+    steps.push_back(
+        {"connect with a scan", record_connect("connect-scan-events.txt", radio::kWpa2.key,
+                                               "CTRL-EVENT-CONNECTED", 30000, true)});
     steps.push_back({"wrong key", record_connect("wrong-key-events.txt", "wrong-passphrase-123",
                                                  "auth_failures=2", 90000)});
     steps.push_back({"WPS push button", record_wps("wps-pbc-events.txt", "WPS_PBC", "WPS_PBC any",

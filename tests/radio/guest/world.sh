@@ -22,7 +22,6 @@ set -u
 out=${RADIO_OUT:?}
 # shellcheck disable=SC1091
 . "$out/guest.env"
-radio=$RADIO_SRC/tests/radio
 world=/run/radio
 mkdir -p "$world" /run/hostapd /run/wpa_supplicant
 
