@@ -15,7 +15,7 @@ foreach(line IN LISTS lines)
     set(name Radio.${suite}.${CMAKE_MATCH_1})
     string(APPEND text
       "add_test(${name} \"${CMAKE_COMMAND}\" -DRESULTS=${RESULTS} -DSUITE=${suite} "
-      "-DTEST=${CMAKE_MATCH_1} -P \"${CHECK}\")\n"
+      "-DSCENARIO=${CMAKE_MATCH_1} -P \"${CHECK}\")\n"
       "set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED radio LABELS radio)\n")
   endif()
 endforeach()

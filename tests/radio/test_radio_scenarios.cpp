@@ -551,6 +551,14 @@ TEST_F(Operations, EnableOffDisconnectsAndEnableOnConnectsAgainOnItsOwn) {
     ASSERT_EQ(ask(connect_request(radio::kOpen, "none", "")),
               command_answer("wifista_connecte", 0, 1));
     const std::string registered = profile_entry(1, radio::kOpen.ssid, "none", "", "ascii", 1);
+    // The service loop keeps its own copy of the station's status, refreshed
+    // by its scans; until a scan after the connect, a disconnect job takes
+    // the station for unconnected and keeps the access point as the one to
+    // pass over, so that the only profile would never be chosen again. A
+    // GetAPList asks for that scan.
+    int scans = log_count("Scan success");
+    ask("function=GetAPList");
+    ASSERT_TRUE(wait_until([scans] { return log_count("Scan success") > scans; }, 30000));
 
     EXPECT_EQ(ask("function=Enable\nenable=0"), command_answer("wifista_enable", 0, 0));
     EXPECT_TRUE(wait_until([] { return station("LIST_NETWORKS") == kNoNetworks; }, 10000))
