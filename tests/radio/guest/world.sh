@@ -161,7 +161,7 @@ case "$RADIO_MODE" in
     shell)
         ip netns exec sta /home/qorun/wifi_station.sh start
         say "station in netns sta (ip netns exec sta ...); access points: hostapd_cli -p /run/hostapd -i wlanN"
-        say "daemon: ip netns exec sta $RADIO_BUILD/wifi_manager/wifi_manager -F"
+        say "daemon: ip netns exec sta $RADIO_BUILD/wifi_manager/wifi_manager -F; exit ends the VM"
         cd "$RADIO_BUILD" && bash -i
         ;;
     record)
