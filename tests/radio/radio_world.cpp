@@ -166,7 +166,9 @@ static void recorder_loop(event_recorder* recorder) {
         // A datagram socket does not tell that its peer is gone: ask it.
         if (wifim_test::now_ms() - last_ping > 1000) {
             last_ping = wifim_test::now_ms();
-            char reply[64];
+            // Events that arrive meanwhile come through this same buffer:
+            // it holds a whole event, not just the PONG.
+            char reply[4096];
             size_t len = sizeof(reply);
             if (wpa_ctrl_request(ctrl, "PING", 4, reply, &len, recorder_keep_during_request) != 0) {
                 wpa_ctrl_close(ctrl);
