@@ -49,17 +49,27 @@ void stop_wpa_peer(wpa_peer* peer) {
 
 static const char* kSimCommands = "/tmp/wpa_sim.commands";
 
-bool start_simulator(wpa_peer* peer, const std::string& world_text, const std::string& interface) {
+bool start_simulator(wpa_peer* peer, const std::string& world_text, const std::string& interface,
+                     const std::vector<std::string>& extra) {
     peer->interface = interface;
     peer->ctrl_dir = "/tmp/wpa_ctrl";
     peer->config = "/tmp/wpa_supplicant.conf";
     mkdir(peer->ctrl_dir.c_str(), 0700);
     write_file(peer->config, "ctrl_interface=" + peer->ctrl_dir + "\nupdate_config=1\n");
     write_file("/tmp/wpa_sim.world", world_text);
-    peer->pid = spawn_process(
-        {WIFIM_BUILD_DIR "/tests/wpa_sim/wpa_sim", "-p", peer->ctrl_dir, "-i", interface, "-w",
-         "/tmp/wpa_sim.world", "-c", peer->config, "-l", kSimCommands},
-        "/tmp/wpa_sim.out");
+    std::vector<std::string> argv = {WIFIM_BUILD_DIR "/tests/wpa_sim/wpa_sim",
+                                     "-p",
+                                     peer->ctrl_dir,
+                                     "-i",
+                                     interface,
+                                     "-w",
+                                     "/tmp/wpa_sim.world",
+                                     "-c",
+                                     peer->config,
+                                     "-l",
+                                     kSimCommands};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    peer->pid = spawn_process(argv, "/tmp/wpa_sim.out");
     return wait_until([peer] { return wpa_cli(*peer, {"PING"}) == "PONG\n"; }, 10000);
 }
 

@@ -30,8 +30,10 @@ void stop_wpa_peer(wpa_peer* peer);
 // world_text (lines "ap <bssid> <freq> <level> <flags> key=<k> wps=<pbc|pin|->
 // [reject] ssid=<ssid>", and "connect_delay_ms N" and the like). Its
 // command log is /tmp/wpa_sim.commands.
+// extra: more arguments for the simulator (-t <file> for its timed log).
 bool start_simulator(wpa_peer* peer, const std::string& world_text,
-                     const std::string& interface = "wlan0");
+                     const std::string& interface = "wlan0",
+                     const std::vector<std::string>& extra = {});
 // Sends a test control (RELOAD, AP ..., CLEAR_APS, DROP [reason], EVENT <text>,
 // FAULT <COMMAND> FAIL|SILENT|NONE, CRASH, STATE) and returns the reply.
 std::string sim_control(const wpa_peer& peer, const std::string& control);

@@ -265,7 +265,9 @@ static std::string sim_dispatch(const std::string& command, const sim_client& fr
         return "OK\n";
     }
     if (verb == "BSS_FLUSH") {
+        // No access point known, so no scan results to join from either.
         g_sim.known_bss.clear();
+        g_sim.last_scan_ms = -1;
         return "OK\n";
     }
     if (verb == "SAVE_CONFIG") {
@@ -280,6 +282,7 @@ static std::string sim_dispatch(const std::string& command, const sim_client& fr
 }
 
 std::string sim_handle_command(const std::string& command, const sim_client& from, bool* answer) {
+    sim_log_arrival(command);
     std::string verb = command.substr(0, command.find(' '));
     auto fault = g_sim.faults.find(verb);
     if (fault != g_sim.faults.end()) {

@@ -9,6 +9,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "wpa_sim.h"
 
 sim_state g_sim;
@@ -19,21 +21,40 @@ long sim_now_ms() {
     return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
 }
 
-void sim_after(int delay_ms, std::function<void()> run) {
-    g_sim.timers.push_back({sim_now_ms() + delay_ms, std::move(run)});
+// The simulated radio's own time: inside a timer, the time that timer was
+// due; otherwise the clock. A step scheduled by another step is timed from
+// when that step was due, not from when a busy machine got round to it, so
+// the world keeps the timing it describes.
+long sim_world_ms() {
+    return g_sim.running_timer_due_ms >= 0 ? g_sim.running_timer_due_ms : sim_now_ms();
 }
 
-void sim_log(const std::string& command, const std::string& reply) {
-    if (g_sim.log_file.empty()) {
+void sim_after(int delay_ms, std::function<void()> run) {
+    g_sim.timers.push_back({sim_world_ms() + delay_ms, std::move(run)});
+}
+
+static void sim_append(const std::string& file, const std::string& line) {
+    if (file.empty()) {
         return;
     }
-    FILE* fp = fopen(g_sim.log_file.c_str(), "a");
+    FILE* fp = fopen(file.c_str(), "a");
     if (fp == nullptr) {
         return;
     }
-    std::string first = reply.substr(0, reply.find('\n'));
-    fprintf(fp, "%s\t%s\n", command.c_str(), first.c_str());
+    fprintf(fp, "%s\n", line.c_str());
     fclose(fp);
+}
+
+void sim_log(const std::string& command, const std::string& reply) {
+    std::string first = reply.substr(0, reply.find('\n'));
+    sim_append(g_sim.log_file, command + "\t" + first);
+    if (command == "EVENT") {
+        sim_log_arrival("EVENT\t" + first);
+    }
+}
+
+void sim_log_arrival(const std::string& what) {
+    sim_append(g_sim.timeline_file, std::to_string(sim_world_ms()) + "\t" + what);
 }
 
 void sim_event(const std::string& text) {
@@ -99,15 +120,19 @@ static void sim_run_due_timers() {
         (t.due_ms <= now ? due : later).push_back(std::move(t));
     }
     g_sim.timers = std::move(later);
+    std::stable_sort(due.begin(), due.end(),
+                     [](const sim_timer& a, const sim_timer& b) { return a.due_ms < b.due_ms; });
     for (sim_timer& t : due) {
+        g_sim.running_timer_due_ms = t.due_ms;
         t.run();
+        g_sim.running_timer_due_ms = -1;
     }
 }
 
 static void sim_usage() {
     fprintf(stderr,
             "usage: wpa_sim -p <ctrl_dir> -i <interface> [-w <world file>] [-c <wpa config>] "
-            "[-l <command log>]\n");
+            "[-l <command log>] [-t <timed log>]\n");
 }
 
 static void sim_stop(int) {
@@ -117,7 +142,7 @@ static void sim_stop(int) {
 int main(int argc, char* argv[]) {
     int opt;
     g_sim.interface = "wlan0";
-    while ((opt = getopt(argc, argv, "p:i:w:c:l:")) != -1) {
+    while ((opt = getopt(argc, argv, "p:i:w:c:l:t:")) != -1) {
         switch (opt) {
             case 'p':
                 g_sim.ctrl_dir = optarg;
@@ -133,6 +158,9 @@ int main(int argc, char* argv[]) {
                 break;
             case 'l':
                 g_sim.log_file = optarg;
+                break;
+            case 't':
+                g_sim.timeline_file = optarg;
                 break;
             default:
                 sim_usage();

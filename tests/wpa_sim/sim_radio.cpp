@@ -111,7 +111,7 @@ static std::string sim_wps_availability() {
 }
 
 void sim_scan_done() {
-    g_sim.last_scan_ms = sim_now_ms();
+    g_sim.last_scan_ms = sim_world_ms();
     for (const sim_ap& ap : g_sim.aps) {
         if (g_sim.known_bss.count(ap.bssid) == 0) {
             int id = g_sim.next_bss_id++;
@@ -244,9 +244,23 @@ static int sim_temp_disable_seconds(int failures) {
     return failures * 10;
 }
 
+// After the first failure, a network that allows 802.1X key management
+// (as one without a key_mgmt of its own does) waits a random while longer,
+// up to ten seconds for each failure so far.
+static int sim_extra_disable_seconds(int id, int failures) {
+    std::string key_mgmt = "WPA-PSK WPA-EAP";
+    for (const sim_network& n : g_sim.networks) {
+        key_mgmt = n.id == id ? sim_var(n, "key_mgmt", key_mgmt) : key_mgmt;
+    }
+    if (failures < 2 || key_mgmt.find("WPA-EAP") == std::string::npos) {
+        return 0;
+    }
+    return rand() % (failures * 10);
+}
+
 static int sim_count_failure(int id, const std::string& ssid, const char* reason) {
     int failures = ++g_sim.auth_failures[id];
-    int seconds = sim_temp_disable_seconds(failures);
+    int seconds = sim_temp_disable_seconds(failures) + sim_extra_disable_seconds(id, failures);
     sim_event("CTRL-EVENT-SSID-TEMP-DISABLED id=" + std::to_string(id) + " ssid=\"" + ssid +
               "\" auth_failures=" + std::to_string(failures) +
               " duration=" + std::to_string(seconds) + " reason=" + reason);
@@ -349,7 +363,7 @@ void sim_start_connect() {
         return;
     }
     bool recent = g_sim.last_scan_ms >= 0 &&
-                  sim_now_ms() - g_sim.last_scan_ms < SIM_SCAN_VALID_FOR_CONNECT_MS;
+                  sim_world_ms() - g_sim.last_scan_ms < SIM_SCAN_VALID_FOR_CONNECT_MS;
     sim_timeline t = sim_new_timeline();
     if (recent) {
         sim_then(&t, 0, [] { sim_join_first_network(); });

@@ -47,6 +47,9 @@ struct sim_state {
     std::string world_file;
     std::string config_file;
     std::string log_file;
+    // The command log again, each line led by the world's time in ms.
+    std::string timeline_file;
+    long running_timer_due_ms = -1;
     int fd = -1;
     int control_fd = -1;
     std::vector<sim_client> attached;
@@ -81,9 +84,13 @@ struct sim_state {
 extern sim_state g_sim;
 
 long sim_now_ms();
+long sim_world_ms();
 void sim_after(int delay_ms, std::function<void()> run);
 void sim_event(const std::string& text);  // to every attached client, with "<3>"
 void sim_log(const std::string& command, const std::string& reply);
+// A line of the timed log at the world's time: a command as it arrives
+// (before the events it sets off), or an event.
+void sim_log_arrival(const std::string& what);
 
 bool sim_load_world(const std::string& path);
 std::string sim_handle_command(const std::string& command, const sim_client& from, bool* answer);
