@@ -145,9 +145,16 @@ static std::string sim_get_network(const std::vector<std::string>& w) {
     return def == g_sim_defaults.end() ? "FAIL\n" : def->second;
 }
 
+// As wpa_supplicant does, removing the network in use drops the link, and
+// removing the one an association is under way for abandons that attempt.
 static void sim_forget_current_if(int id) {
     if (id == g_sim.current_id || id < 0) {
         sim_drop_link(3);
+    }
+    if ((id == g_sim.attempt_id || id < 0) && g_sim.wpa_state != "COMPLETED") {
+        g_sim.attempt_generation++;
+        g_sim.attempt_id = -1;
+        g_sim.wpa_state = "DISCONNECTED";
     }
 }
 

@@ -117,6 +117,7 @@ static void sim_complete(int id, const sim_ap& ap) {
 
 static void sim_attempt(const sim_network& n, const sim_ap& ap) {
     long gen = g_sim.attempt_generation;
+    g_sim.attempt_id = n.id;
     int d = g_sim.connect_delay_ms;
     int id = n.id;
     sim_ap target = ap;

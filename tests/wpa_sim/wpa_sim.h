@@ -60,6 +60,7 @@ struct sim_state {
     int current_id = -1;
     std::string current_bssid;
     long attempt_generation = 0;
+    int attempt_id = -1;  // the network an association in progress is for
     // Commands to answer with FAIL or not at all, by their first word.
     std::map<std::string, std::string> faults;
     std::vector<sim_timer> timers;
