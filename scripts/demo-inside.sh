@@ -21,6 +21,7 @@ cat > /tmp/world <<'W'
 scan_delay_ms 300
 connect_delay_ms 200
 wps_delay_ms 300
+wps_reassoc_ms 0
 ap 00:11:22:33:44:55 2437 -48 [WPA2-PSK-CCMP][ESS] key=secret123 wps=- ssid=home net
 ap 00:11:22:33:44:66 2412 -71 [ESS] key=- wps=- ssid=cafe
 ap 00:11:22:33:44:77 2462 -60 [WPA2-PSK-CCMP][WPS][ESS] key=wps-key-42 wps=pbc ssid=office

@@ -16,6 +16,7 @@ static const char* kWorld =
     "connect_delay_ms 30\n"
     "scan_delay_ms 50\n"
     "wps_delay_ms 50\n"
+    "handshake_fail_ms 100\n"
     "ap 01:80:c2:00:00:03 0 0 [ESS] key=- wps=- ssid=wired\n"
     "ap 00:11:22:33:44:55 2437 -65 [WPA2-PSK-CCMP][WPS][ESS] key=secret123 wps=pbc ssid=home net\n"
     "ap 00:11:22:33:44:66 2412 -70 [WPA-PSK-CCMP][WPA2-PSK-CCMP][ESS] key=abcdefgh wps=12345670 "
@@ -135,6 +136,12 @@ TEST_F(Simulator, WpsByPushButtonAndByPin) {
     EXPECT_EQ(events.wait_event("CTRL-EVENT-EAP-METHOD"),
               "<3>CTRL-EVENT-EAP-METHOD EAP vendor 14122 method 1 (WSC) selected");
     EXPECT_EQ(events.wait_event("WPS-SUCCESS"), "<3>WPS-SUCCESS ");
+    // The station leaves the association of the exchange and joins again
+    // with the credential.
+    EXPECT_EQ(events.wait_event("CTRL-EVENT-DISCONNECTED"),
+              "<3>CTRL-EVENT-DISCONNECTED bssid=00:11:22:33:44:55 reason=3 locally_generated=1");
+    EXPECT_EQ(events.wait_event("CTRL-EVENT-CONNECTED"),
+              "<3>CTRL-EVENT-CONNECTED - Connection to 00:11:22:33:44:55 completed [id=0 id_str=]");
     EXPECT_NE(c.request("STATUS").find("ssid=home net\n"), std::string::npos);
     EXPECT_EQ(c.request("WPS_PIN any 12345670"), "12345670");
     EXPECT_EQ(events.wait_event("WPS-SUCCESS"), "<3>WPS-SUCCESS ");

@@ -70,9 +70,15 @@ TEST_F(WithRealWpaSupplicant, WorkerClearsNetworksAtStartAndProfilesReadBackFrom
     }
     EXPECT_EQ(wifim_test::wpa_cli(peer, {"SAVE_CONFIG"}), "OK\n");
     auto profiles = wpacm_read_wpa_config_profiles(wifim_test::read_file(peer.config));
-    // The open network is saved without proto and pairwise lines and so
-    // matches no row of the table; blanks inside values are dropped.
-    ASSERT_EQ(profiles.size(), 1u) << wifim_test::read_file(peer.config);
+    // The open network is saved without proto and pairwise lines: no row of
+    // the table matches it, its own key_mgmt=NONE without a WEP key makes it
+    // open. Blanks inside values are dropped.
+    ASSERT_EQ(profiles.size(), 2u) << wifim_test::read_file(peer.config);
+    EXPECT_EQ(profiles[0].ssid, "wired");
+    EXPECT_EQ(profiles[0].security, WIFI_SECURITY_NONE);
+    EXPECT_EQ(profiles[0].password, "");
+    EXPECT_TRUE(profiles[0].ascii_key);
+    profiles.erase(profiles.begin());
     EXPECT_EQ(profiles[0].ssid, "learntnet");
     EXPECT_EQ(profiles[0].security, WIFI_SECURITY_WPA2_PSK_AES);
     EXPECT_EQ(profiles[0].password, "secret123");

@@ -101,7 +101,14 @@ static sim_network* sim_find_network(const std::string& id_text) {
     return nullptr;
 }
 
-std::string sim_network_ssid(const sim_network& n);
+// wpa_supplicant gives a new network the lowest id not in use.
+int sim_lowest_free_network_id() {
+    int id = 0;
+    while (sim_find_network(std::to_string(id)) != nullptr) {
+        id++;
+    }
+    return id;
+}
 
 static std::string sim_list_networks() {
     std::string out = "network id / ssid / bssid / flags\n";
@@ -145,23 +152,19 @@ static std::string sim_get_network(const std::vector<std::string>& w) {
     return def == g_sim_defaults.end() ? "FAIL\n" : def->second;
 }
 
-// As wpa_supplicant does, removing the network in use drops the link, and
-// removing the one an association is under way for abandons that attempt.
 static void sim_forget_current_if(int id) {
     if (id == g_sim.current_id || id < 0) {
         sim_drop_link(3);
     }
-    if ((id == g_sim.attempt_id || id < 0) && g_sim.wpa_state != "COMPLETED") {
-        g_sim.attempt_generation++;
-        g_sim.attempt_id = -1;
-        g_sim.wpa_state = "DISCONNECTED";
-    }
 }
 
+// A removed network takes its attempt, and its count of failures, with it.
 static std::string sim_remove_network(const std::string& which) {
+    g_sim.attempt_generation++;
     if (which == "all") {
         sim_forget_current_if(-1);
         g_sim.networks.clear();
+        g_sim.auth_failures.clear();
         return "OK\n";
     }
     sim_network* n = sim_find_network(which);
@@ -170,6 +173,7 @@ static std::string sim_remove_network(const std::string& which) {
     }
     int id = n->id;
     sim_forget_current_if(id);
+    g_sim.auth_failures.erase(id);
     for (auto it = g_sim.networks.begin(); it != g_sim.networks.end(); ++it) {
         if (it->id == id) {
             g_sim.networks.erase(it);
@@ -230,12 +234,9 @@ static std::string sim_dispatch(const std::string& command, const sim_client& fr
     if (verb == "LIST_NETWORKS")
         return sim_list_networks();
     if (verb == "ADD_NETWORK") {
-        // wpa_supplicant gives the lowest id not in use.
         sim_network n;
-        n.id = 0;
-        while (sim_find_network(std::to_string(n.id)) != nullptr) {
-            n.id++;
-        }
+        n.id = sim_lowest_free_network_id();
+        g_sim.auth_failures.erase(n.id);
         g_sim.networks.push_back(n);
         return std::to_string(n.id) + "\n";
     }
@@ -261,6 +262,10 @@ static std::string sim_dispatch(const std::string& command, const sim_client& fr
     }
     if (verb == "RECONNECT") {
         sim_start_connect();
+        return "OK\n";
+    }
+    if (verb == "BSS_FLUSH") {
+        g_sim.known_bss.clear();
         return "OK\n";
     }
     if (verb == "SAVE_CONFIG") {
@@ -390,6 +395,12 @@ bool sim_load_world(const std::string& path) {
             g_sim.scan_delay_ms = atoi(w[1].c_str());
         } else if (w[0] == "wps_delay_ms" && w.size() > 1) {
             g_sim.wps_delay_ms = atoi(w[1].c_str());
+        } else if (w[0] == "handshake_fail_ms" && w.size() > 1) {
+            g_sim.handshake_fail_ms = atoi(w[1].c_str());
+        } else if (w[0] == "temp_disable_ms" && w.size() > 1) {
+            g_sim.temp_disable_ms = atoi(w[1].c_str());
+        } else if (w[0] == "wps_reassoc_ms" && w.size() > 1) {
+            g_sim.wps_reassoc_ms = atoi(w[1].c_str());
         }
     }
     return true;

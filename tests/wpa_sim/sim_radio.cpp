@@ -41,7 +41,11 @@ static std::string sim_var(const sim_network& n, const std::string& var,
     return it == n.vars.end() ? fallback : it->second;
 }
 
-static bool sim_ap_is_open(const sim_ap& ap) {
+static bool sim_ap_is_wpa(const sim_ap& ap) {
+    return ap.flags.find("WPA") != std::string::npos;
+}
+
+bool sim_ap_is_open(const sim_ap& ap) {
     return ap.flags.find("WPA") == std::string::npos && ap.flags.find("WEP") == std::string::npos;
 }
 
@@ -72,9 +76,70 @@ const sim_ap* sim_find_ap(const sim_network& n) {
     return nullptr;
 }
 
+// Real wpa_supplicant joins a network from scan results younger than this,
+// and scans first otherwise.
+#define SIM_SCAN_VALID_FOR_CONNECT_MS 5000
+
+sim_timeline sim_new_timeline() {
+    return {g_sim.attempt_generation, 0};
+}
+
+void sim_then(sim_timeline* t, int delay_ms, std::function<void()> run) {
+    t->at_ms += delay_ms;
+    long generation = t->generation;
+    sim_after(t->at_ms, [generation, run] {
+        if (generation == g_sim.attempt_generation) {
+            run();
+        }
+    });
+}
+
+// What wpa_supplicant says after a scan about access points offering WPS.
+static std::string sim_wps_availability() {
+    std::string found;
+    for (const sim_ap& ap : g_sim.aps) {
+        if (ap.wps == "pbc") {
+            return "WPS-AP-AVAILABLE-PBC ";
+        }
+        if (!ap.wps.empty()) {
+            found = "WPS-AP-AVAILABLE-AUTH ";
+        } else if (found.empty() && ap.flags.find("[WPS]") != std::string::npos) {
+            found = "WPS-AP-AVAILABLE ";
+        }
+    }
+    return found;
+}
+
+void sim_scan_done() {
+    g_sim.last_scan_ms = sim_now_ms();
+    for (const sim_ap& ap : g_sim.aps) {
+        if (g_sim.known_bss.count(ap.bssid) == 0) {
+            int id = g_sim.next_bss_id++;
+            g_sim.known_bss[ap.bssid] = id;
+            sim_event("CTRL-EVENT-BSS-ADDED " + std::to_string(id) + " " + ap.bssid);
+        }
+    }
+    sim_event("CTRL-EVENT-SCAN-RESULTS ");
+    std::string wps = sim_wps_availability();
+    if (!wps.empty()) {
+        sim_event(wps);
+    }
+}
+
+// A scan within an attempt; `after` runs on its results.
+void sim_scan_then(sim_timeline* t, std::function<void()> after) {
+    sim_then(t, 20, [] { sim_event("CTRL-EVENT-SCAN-STARTED "); });
+    sim_then(t, g_sim.scan_delay_ms, [after] {
+        sim_scan_done();
+        if (after) {
+            after();
+        }
+    });
+}
+
 void sim_start_scan() {
     sim_after(20, [] { sim_event("CTRL-EVENT-SCAN-STARTED "); });
-    sim_after(g_sim.scan_delay_ms, [] { sim_event("CTRL-EVENT-SCAN-RESULTS "); });
+    sim_after(g_sim.scan_delay_ms, [] { sim_scan_done(); });
 }
 
 std::string sim_scan_results() {
@@ -100,69 +165,173 @@ void sim_drop_link(int reason) {
     g_sim.current_bssid.clear();
 }
 
-// Runs run after delay_ms unless a newer attempt or a disconnect came first.
-static void sim_step(int delay_ms, long generation, std::function<void()> run) {
-    sim_after(delay_ms, [generation, run] {
-        if (generation == g_sim.attempt_generation) {
-            run();
-        }
-    });
-}
-
-static void sim_complete(int id, const sim_ap& ap) {
+void sim_complete(int id, const sim_ap& ap) {
     g_sim.wpa_state = "COMPLETED";
     g_sim.current_id = id;
     g_sim.current_bssid = ap.bssid;
+    g_sim.auth_failures.erase(id);
+}
+
+static std::string sim_ap_words(const sim_ap& ap) {
+    return ap.bssid + " (SSID='" + ap.ssid + "' freq=" + std::to_string(ap.freq) + " MHz)";
+}
+
+std::string sim_connected_text(int id, const sim_ap& ap) {
+    return "CTRL-EVENT-CONNECTED - Connection to " + ap.bssid +
+           " completed [id=" + std::to_string(id) + " id_str=]";
+}
+
+// Pairwise and group cipher of a WPA association with this access point.
+std::string sim_key_negotiation_text(const sim_ap& ap) {
+    bool ccmp = ap.flags.find("CCMP") != std::string::npos;
+    bool tkip = ap.flags.find("TKIP") != std::string::npos;
+    return "WPA: Key negotiation completed with " + ap.bssid + " [PTK=" + (ccmp ? "CCMP" : "TKIP") +
+           " GTK=" + (tkip ? "TKIP" : "CCMP") + "]";
+}
+
+// Authentication and association, the first three steps of every attempt.
+void sim_associate(sim_timeline* t, const sim_ap& ap, int step_ms) {
+    sim_then(t, step_ms, [ap] {
+        g_sim.wpa_state = "AUTHENTICATING";
+        sim_event("SME: Trying to authenticate with " + sim_ap_words(ap));
+    });
+    sim_then(t, step_ms, [ap] {
+        g_sim.wpa_state = "ASSOCIATING";
+        sim_event("Trying to associate with " + sim_ap_words(ap));
+    });
+    sim_then(t, step_ms, [ap] {
+        g_sim.wpa_state = "ASSOCIATED";
+        sim_event("Associated with " + ap.bssid);
+    });
+}
+
+// The key of an open or WEP network is never checked on association: a
+// wrong WEP key still "connects" and only the data path fails.
+static void sim_finish_open(sim_timeline* t, int id, const sim_ap& ap, int step_ms) {
+    sim_then(t, 0, [id, ap] {
+        sim_complete(id, ap);
+        sim_event(sim_connected_text(id, ap));
+    });
+    sim_then(t, step_ms, [] { sim_event("CTRL-EVENT-SUBNET-STATUS-UPDATE status=0"); });
+}
+
+void sim_finish_wpa(sim_timeline* t, int id, const sim_ap& ap, int step_ms) {
+    sim_then(t, 0, [] {
+        g_sim.wpa_state = "4WAY_HANDSHAKE";
+        sim_event("CTRL-EVENT-SUBNET-STATUS-UPDATE status=0");
+    });
+    sim_then(t, step_ms, [id, ap] {
+        sim_complete(id, ap);
+        sim_event(sim_key_negotiation_text(ap));
+        sim_event(sim_connected_text(id, ap));
+    });
+}
+
+// Seconds a network stays disabled after its n-th failure in a row.
+static int sim_temp_disable_seconds(int failures) {
+    if (failures > 50) {
+        return 300;
+    }
+    if (failures > 10) {
+        return 120;
+    }
+    if (failures > 5) {
+        return 90;
+    }
+    if (failures > 3) {
+        return 60;
+    }
+    return failures * 10;
+}
+
+static int sim_count_failure(int id, const std::string& ssid, const char* reason) {
+    int failures = ++g_sim.auth_failures[id];
+    int seconds = sim_temp_disable_seconds(failures);
+    sim_event("CTRL-EVENT-SSID-TEMP-DISABLED id=" + std::to_string(id) + " ssid=\"" + ssid +
+              "\" auth_failures=" + std::to_string(failures) +
+              " duration=" + std::to_string(seconds) + " reason=" + reason);
+    return seconds;
+}
+
+static bool sim_network_enabled(int id) {
+    for (const sim_network& n : g_sim.networks) {
+        if (n.id == id) {
+            return n.enabled;
+        }
+    }
+    return false;
+}
+
+static void sim_attempt(const sim_network& n, const sim_ap& ap);
+
+// A wrong key: the access point gives up on the handshake after four
+// tries, the station disconnects, disables the network for a while that
+// grows with each failure, scans at once and again when the network is
+// allowed back, and then tries anew.
+static void sim_handshake_failed(int id, const std::string& ssid, const sim_ap& ap) {
+    g_sim.wpa_state = "DISCONNECTED";
+    sim_event("CTRL-EVENT-DISCONNECTED bssid=" + ap.bssid + " reason=15");
+    sim_event("WPA: 4-Way Handshake failed - pre-shared key may be incorrect");
+    int seconds = sim_count_failure(id, ssid, "WRONG_KEY");
+    if (g_sim.auth_failures[id] == 3) {
+        seconds = sim_count_failure(id, ssid, "CONN_FAILED");
+    }
+    g_sim.wpa_state = "SCANNING";
+    sim_timeline t = sim_new_timeline();
+    sim_scan_then(&t, nullptr);
+    sim_timeline back = sim_new_timeline();
+    back.at_ms = seconds * g_sim.temp_disable_ms / 10;
+    sim_scan_then(&back, [id, ssid, ap] {
+        if (!sim_network_enabled(id)) {
+            return;
+        }
+        sim_event("CTRL-EVENT-SSID-REENABLED id=" + std::to_string(id) + " ssid=\"" + ssid + "\"");
+        for (const sim_network& n : g_sim.networks) {
+            if (n.id == id) {
+                sim_attempt(n, ap);
+            }
+        }
+    });
 }
 
 static void sim_attempt(const sim_network& n, const sim_ap& ap) {
-    long gen = g_sim.attempt_generation;
-    g_sim.attempt_id = n.id;
+    sim_timeline t = sim_new_timeline();
     int d = g_sim.connect_delay_ms;
     int id = n.id;
-    sim_ap target = ap;
-    bool key_ok = sim_key_fits(n, ap);
-    sim_step(d, gen, [target] {
-        g_sim.wpa_state = "ASSOCIATING";
-        sim_event("Trying to associate with " + target.bssid + " (SSID='" + target.ssid +
-                  "' freq=" + std::to_string(target.freq) + " MHz)");
-    });
-    if (target.reject) {
-        sim_step(2 * d, gen, [target] {
+    std::string ssid = sim_network_ssid(n);
+    sim_associate(&t, ap, d);
+    if (ap.reject) {
+        sim_then(&t, 0, [ap] {
             g_sim.wpa_state = "DISCONNECTED";
-            sim_event("CTRL-EVENT-ASSOC-REJECT bssid=" + target.bssid + " status_code=1");
+            sim_event("CTRL-EVENT-ASSOC-REJECT bssid=" + ap.bssid + " status_code=1");
         });
         return;
     }
-    sim_step(2 * d, gen, [target] {
-        g_sim.wpa_state = "ASSOCIATED";
-        sim_event("Associated with " + target.bssid);
+    if (!sim_ap_is_wpa(ap)) {
+        sim_finish_open(&t, id, ap, d);
+        return;
+    }
+    if (sim_key_fits(n, ap)) {
+        sim_finish_wpa(&t, id, ap, d);
+        return;
+    }
+    sim_then(&t, 0, [] {
+        g_sim.wpa_state = "4WAY_HANDSHAKE";
+        sim_event("CTRL-EVENT-SUBNET-STATUS-UPDATE status=0");
     });
-    sim_step(3 * d, gen, [target, id, key_ok] {
-        if (!key_ok) {
-            g_sim.wpa_state = "DISCONNECTED";
-            sim_event("WPA: 4-Way Handshake failed - pre-shared key may be incorrect");
-            sim_event("CTRL-EVENT-DISCONNECTED bssid=" + target.bssid + " reason=15");
-            return;
-        }
-        sim_complete(id, target);
-        sim_event("CTRL-EVENT-CONNECTED - Connection to " + target.bssid +
-                  " completed [id=" + std::to_string(id) + " id_str=]");
-    });
+    sim_then(&t, g_sim.handshake_fail_ms, [id, ssid, ap] { sim_handshake_failed(id, ssid, ap); });
 }
 
-void sim_start_connect() {
-    g_sim.attempt_generation++;
+// Joins the first enabled network whose access point is in range.
+static void sim_join_first_network() {
     for (const sim_network& n : g_sim.networks) {
         if (!n.enabled || sim_network_ssid(n).empty()) {
             continue;
         }
         const sim_ap* ap = sim_find_ap(n);
         if (ap == nullptr) {
-            long gen = g_sim.attempt_generation;
             g_sim.wpa_state = "SCANNING";
-            sim_step(g_sim.connect_delay_ms, gen,
-                     [] { sim_event("CTRL-EVENT-NETWORK-NOT-FOUND"); });
+            sim_event("CTRL-EVENT-NETWORK-NOT-FOUND ");
             return;
         }
         sim_attempt(n, *ap);
@@ -170,78 +339,48 @@ void sim_start_connect() {
     }
 }
 
-// The network a WPS exchange hands over: the AP's SSID and key.
-static sim_network sim_network_from_wps(const sim_ap& ap) {
-    sim_network n;
-    n.id = 0;
-    for (bool taken = true; taken; n.id += taken ? 1 : 0) {
-        taken = false;
-        for (const sim_network& other : g_sim.networks) {
-            taken = taken || other.id == n.id;
-        }
-    }
-    n.enabled = true;
-    n.vars["ssid"] = "\"" + ap.ssid + "\"";
-    if (!sim_ap_is_open(ap)) {
-        n.vars["psk"] = "\"" + ap.key + "\"";
-        n.vars["proto"] = "RSN";
-        n.vars["key_mgmt"] = "WPA-PSK";
-        n.vars["pairwise"] = "CCMP";
-    } else {
-        n.vars["key_mgmt"] = "NONE";
-    }
-    return n;
-}
-
-static void sim_wps_success(const sim_ap& ap) {
-    long gen = g_sim.attempt_generation;
-    int d = g_sim.wps_delay_ms;
-    sim_ap target = ap;
-    sim_step(d, gen, [] { sim_event("CTRL-EVENT-EAP-STARTED EAP authentication started"); });
-    sim_step(d + 10, gen,
-             [] { sim_event("CTRL-EVENT-EAP-PROPOSED-METHOD vendor=14122 method=1"); });
-    sim_step(d + 20, gen,
-             [] { sim_event("CTRL-EVENT-EAP-METHOD EAP vendor 14122 method 1 (WSC) selected"); });
-    sim_step(d + 30, gen, [] { sim_event("WPS-CRED-RECEIVED "); });
-    sim_step(d + 40, gen, [target] {
-        sim_network n = sim_network_from_wps(target);
-        g_sim.networks.push_back(n);
-        // The station re-associates with the new credentials at once.
-        sim_complete(n.id, target);
-        sim_event("WPS-SUCCESS ");
-        int id = n.id;
-        sim_after(50, [target, id] {
-            sim_event("CTRL-EVENT-CONNECTED - Connection to " + target.bssid +
-                      " completed [id=" + std::to_string(id) + " id_str=]");
-        });
-    });
-}
-
-std::string sim_start_wps(bool pbc, const std::string& pin) {
+void sim_start_connect() {
     g_sim.attempt_generation++;
-    long gen = g_sim.attempt_generation;
-    std::vector<const sim_ap*> offering;
-    bool pin_refused = false;
-    for (const sim_ap& ap : g_sim.aps) {
-        if (pbc && ap.wps == "pbc") {
-            offering.push_back(&ap);
-        } else if (!pbc && !ap.wps.empty() && ap.wps != "pbc") {
-            (ap.wps == pin ? offering.push_back(&ap) : (void)(pin_refused = true));
-        }
+    bool enabled = false;
+    for (const sim_network& n : g_sim.networks) {
+        enabled = enabled || (n.enabled && !sim_network_ssid(n).empty());
     }
-    if (pbc && offering.size() > 1) {
-        sim_step(g_sim.wps_delay_ms, gen, [] { sim_event("WPS-OVERLAP-DETECTED "); });
-    } else if (offering.size() == 1) {
-        sim_wps_success(*offering[0]);
-    } else if (pin_refused) {
-        sim_step(g_sim.wps_delay_ms, gen, [] { sim_event("WPS-FAIL msg=8 config_error=18"); });
+    if (!enabled) {
+        return;
+    }
+    bool recent = g_sim.last_scan_ms >= 0 &&
+                  sim_now_ms() - g_sim.last_scan_ms < SIM_SCAN_VALID_FOR_CONNECT_MS;
+    sim_timeline t = sim_new_timeline();
+    if (recent) {
+        sim_then(&t, 0, [] { sim_join_first_network(); });
     } else {
-        sim_step(3 * g_sim.wps_delay_ms, gen, [] { sim_event("WPS-TIMEOUT "); });
+        g_sim.wpa_state = "SCANNING";
+        sim_scan_then(&t, [] { sim_join_first_network(); });
     }
-    if (pbc) {
-        return "OK\n";
+}
+
+// The ciphers and key management STATUS reports for an association.
+struct sim_link_words {
+    std::string pairwise = "NONE";
+    std::string group = "NONE";
+    std::string key_mgmt = "NONE";
+};
+
+static sim_link_words sim_link_words_of(const sim_network& n, const sim_ap& ap) {
+    sim_link_words words;
+    if (ap.flags.find("WEP") != std::string::npos) {
+        std::string given = sim_var(n, "wep_key0", "");
+        bool hex = !given.empty() && given.front() != '"';
+        size_t key = sim_unquote(given).size();
+        words.pairwise = words.group = (hex ? key / 2 : key) <= 5 ? "WEP-40" : "WEP-104";
+    } else if (sim_ap_is_wpa(ap)) {
+        words.pairwise = ap.flags.find("CCMP") != std::string::npos ? "CCMP" : "TKIP";
+        words.group = ap.flags.find("TKIP") != std::string::npos ? "TKIP" : "CCMP";
+        bool rsn = ap.flags.find("WPA2") != std::string::npos &&
+                   sim_var(n, "proto", "WPA RSN").find("RSN") != std::string::npos;
+        words.key_mgmt = rsn ? "WPA2-PSK" : "WPA-PSK";
     }
-    return pin.empty() ? std::string("12345670") : pin;
+    return words;
 }
 
 std::string sim_status() {
@@ -252,16 +391,16 @@ std::string sim_status() {
             n = net.id == g_sim.current_id ? &net : n;
         }
         const sim_ap* ap = n != nullptr ? sim_find_ap(*n) : nullptr;
-        std::string key_mgmt = n != nullptr ? sim_var(*n, "key_mgmt", "WPA-PSK") : "NONE";
-        bool open = key_mgmt == "NONE";
+        sim_link_words words =
+            (n != nullptr && ap != nullptr) ? sim_link_words_of(*n, *ap) : sim_link_words();
         out << "bssid=" << g_sim.current_bssid << "\n"
             << "freq=" << (ap != nullptr ? ap->freq : 0) << "\n"
             << "ssid=" << (n != nullptr ? sim_network_ssid(*n) : "") << "\n"
             << "id=" << g_sim.current_id << "\n"
             << "mode=station\n"
-            << "pairwise_cipher=" << (open ? "NONE" : "CCMP") << "\n"
-            << "group_cipher=" << (open ? "NONE" : "CCMP") << "\n"
-            << "key_mgmt=" << (open ? "NONE" : "WPA2-PSK") << "\n";
+            << "pairwise_cipher=" << words.pairwise << "\n"
+            << "group_cipher=" << words.group << "\n"
+            << "key_mgmt=" << words.key_mgmt << "\n";
     }
     out << "wpa_state=" << g_sim.wpa_state << "\n"
         << "address=" SIM_ADDRESS "\n"
@@ -285,9 +424,9 @@ void sim_save_config() {
             }
         }
     }
-    static const char* order[] = {"ssid",          "scan_ssid", "bssid", "psk",      "proto",
-                                  "key_mgmt",      "pairwise",  "group", "auth_alg", "wep_key0",
-                                  "wep_tx_keyidx", "priority",  "mode"};
+    static const char* order[] = {"ssid",          "scan_ssid", "bssid", "psk",         "proto",
+                                  "key_mgmt",      "pairwise",  "group", "auth_alg",    "wep_key0",
+                                  "wep_tx_keyidx", "priority",  "mode",  "mesh_fwding", "pbss"};
     std::ofstream out(g_sim.config_file, std::ios::trunc);
     out << globals;
     for (const sim_network& n : g_sim.networks) {

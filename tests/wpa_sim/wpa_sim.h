@@ -52,15 +52,26 @@ struct sim_state {
     std::vector<sim_client> attached;
     std::vector<sim_ap> aps;
     std::vector<sim_network> networks;
-    int connect_delay_ms = 100;
-    int scan_delay_ms = 200;
-    int wps_delay_ms = 300;
+    // Timing of the radio world. The defaults are what the real stack
+    // showed (Debian's kernel with mac80211_hwsim, hostapd and
+    // wpa_supplicant 2.10); test worlds shorten them.
+    int connect_delay_ms = 100;        // between the steps of an association
+    int scan_delay_ms = 200;           // from SCAN-STARTED to SCAN-RESULTS
+    int wps_delay_ms = 300;            // the EAP-WSC exchange
+    int handshake_fail_ms = 4100;      // association to the failed 4-way handshake
+    int temp_disable_ms = 10000;       // a "duration=10" of a temporarily disabled network
+    int wps_reassoc_ms = 160;          // WPS-SUCCESS to the new association's CONNECTED
+    long last_scan_ms = -1;            // when the last scan's results came
+    std::map<int, int> auth_failures;  // by network id
+    // Access points the station has seen, with the id it gave each; a scan
+    // announces those it sees for the first time.
+    std::map<std::string, int> known_bss;
+    int next_bss_id = 0;
     // Connection state.
     std::string wpa_state = "DISCONNECTED";
     int current_id = -1;
     std::string current_bssid;
     long attempt_generation = 0;
-    int attempt_id = -1;  // the network an association in progress is for
     // Commands to answer with FAIL or not at all, by their first word.
     std::map<std::string, std::string> faults;
     std::vector<sim_timer> timers;
@@ -77,6 +88,27 @@ void sim_log(const std::string& command, const std::string& reply);
 bool sim_load_world(const std::string& path);
 std::string sim_handle_command(const std::string& command, const sim_client& from, bool* answer);
 std::string sim_handle_control(const std::string& control);
+
+// The steps of one attempt, each after the one before it, all dropped when a
+// newer attempt, a disconnect or a removed network came first.
+struct sim_timeline {
+    long generation;
+    int at_ms;
+};
+sim_timeline sim_new_timeline();
+void sim_then(sim_timeline* t, int delay_ms, std::function<void()> run);
+// The end of a scan: new access points announced, then the results.
+void sim_scan_done();
+// A scan within an attempt; `after` runs on its results.
+void sim_scan_then(sim_timeline* t, std::function<void()> after);
+// Authentication and association with ap, one step each step_ms.
+void sim_associate(sim_timeline* t, const sim_ap& ap, int step_ms);
+// The end of a WPA association: handshake, then connected as network id.
+void sim_finish_wpa(sim_timeline* t, int id, const sim_ap& ap, int step_ms);
+void sim_complete(int id, const sim_ap& ap);
+bool sim_ap_is_open(const sim_ap& ap);
+std::string sim_network_ssid(const sim_network& n);
+int sim_lowest_free_network_id();
 
 // Radio world: scans, connection attempts, WPS.
 void sim_start_scan();

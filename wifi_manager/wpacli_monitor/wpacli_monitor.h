@@ -319,6 +319,11 @@ int wpacm_wps_private(void* monitor_data, wpacm_job_data_struct* job_data,
                       struct wpa_ctrl* wpa_command_ctrl, struct wpa_ctrl* wpa_event_ctrl);
 // Profiles of the network blocks of a wpa_supplicant configuration text.
 std::vector<wifi_ap_info> wpacm_read_wpa_config_profiles(const std::string& text);
+// The security of a block that no row of the table matches, from its
+// key_mgmt, proto and pairwise words as written (blanks kept), and whether
+// it has a WEP key; WIFI_SECURITY_UNKNOWN when the words name no kind.
+WiFi_Security wpacm_security_from_block_words(const std::string& key_mgmt, const std::string& proto,
+                                              const std::string& pairwise, bool has_wep_key0);
 std::string wpacm_wps_pin_from_value(uint32_t value);
 std::string wpacm_get_wps_pin(void* monitor_data);
 

@@ -21,10 +21,18 @@ static std::string wpacm_strip_blanks(const std::string& line) {
     return out;
 }
 
-// The network={ ... } blocks of the file, one text per block.
-static std::vector<std::string> wpacm_network_blocks(const std::string& text) {
-    std::vector<std::string> blocks;
-    std::string block;
+// One network={ ... } block of the file: its lines with the blanks
+// stripped, as the table match reads them, and as they stand, for the
+// block's own words when the table knows none of them.
+struct wpacm_config_block {
+    std::string stripped;
+    std::string raw;
+};
+
+// The network={ ... } blocks of the file.
+static std::vector<wpacm_config_block> wpacm_network_blocks(const std::string& text) {
+    std::vector<wpacm_config_block> blocks;
+    wpacm_config_block block;
     bool inside = false;
     size_t start = 0;
     while (start < text.size()) {
@@ -32,21 +40,23 @@ static std::vector<std::string> wpacm_network_blocks(const std::string& text) {
         if (end == std::string::npos) {
             end = text.size();
         }
-        std::string line = wpacm_strip_blanks(text.substr(start, end - start));
+        std::string raw = text.substr(start, end - start);
+        std::string line = wpacm_strip_blanks(raw);
         start = end + 1;
         if (!inside) {
             inside = (line == "network={");
-            block.clear();
+            block = wpacm_config_block();
         } else if (line == "}") {
             inside = false;
-            if (!block.empty()) {
+            if (!block.stripped.empty()) {
                 blocks.push_back(block);
             }
         } else {
-            block += line + "\n";
+            block.stripped += line + "\n";
+            block.raw += raw + "\n";
         }
     }
-    if (inside && !block.empty()) {
+    if (inside && !block.stripped.empty()) {
         blocks.push_back(block);
     }
     return blocks;
@@ -79,21 +89,86 @@ static void wpacm_take_key(const std::string& value, wifi_ap_info* ap_info) {
     }
 }
 
-static bool wpacm_profile_from_block(CSimpleIniA& ini, const std::string& block,
-                                     wifi_ap_info* ap_info) {
-    ini.Reset();
-    ini.LoadData(block.c_str(), block.size());
-    clear_wifi_ap_info(ap_info);
-    ap_info->ssid = wpacm_remove_quote(ini.GetValue("", "ssid", ""));
+// The ciphers of a pairwise list: which kinds it names, and whether it
+// names anything else.
+struct wpacm_cipher_words {
+    bool aes = false;
+    bool tkip = false;
+    bool other = false;
+};
+
+static wpacm_cipher_words wpacm_read_cipher_words(const std::string& pairwise) {
+    wpacm_cipher_words words;
+    size_t start = 0;
+    size_t position = 0;
+    std::string word;
+    std::string list = wpacm_replace_string(pairwise, "\t", " ") + " ";
+    while (wpacm_cut_string(list, ' ', start, position, word)) {
+        if (word == "CCMP" || word == "GCMP" || word == "CCMP-256" || word == "GCMP-256") {
+            words.aes = true;
+        } else if (word == "TKIP") {
+            words.tkip = true;
+        } else {
+            words.other = true;
+        }
+    }
+    return words;
+}
+
+WiFi_Security wpacm_security_from_block_words(const std::string& key_mgmt, const std::string& proto,
+                                              const std::string& pairwise, bool has_wep_key0) {
+    if (key_mgmt == "NONE") {
+        return has_wep_key0 ? WIFI_SECURITY_UNKNOWN : WIFI_SECURITY_NONE;
+    }
+    bool rsn = proto == "RSN";
+    if (key_mgmt != "WPA-PSK" || (!rsn && proto != "WPA")) {
+        return WIFI_SECURITY_UNKNOWN;
+    }
+    wpacm_cipher_words words = wpacm_read_cipher_words(pairwise);
+    if (words.other || (!words.aes && !words.tkip)) {
+        return WIFI_SECURITY_UNKNOWN;
+    }
+    if (words.aes && words.tkip) {
+        return rsn ? WIFI_SECURITY_WPA2_PSK_TKIP_AES : WIFI_SECURITY_WPA_PSK_TKIP_AES;
+    }
+    if (words.aes) {
+        return rsn ? WIFI_SECURITY_WPA2_PSK_AES : WIFI_SECURITY_WPA_PSK_AES;
+    }
+    return rsn ? WIFI_SECURITY_WPA2_PSK_TKIP : WIFI_SECURITY_WPA_PSK_TKIP;
+}
+
+// The table knows the ciphers wpa_supplicant used to write; newer ones write
+// longer lists for the same network (a WPS credential on a driver with GCMP
+// and the 256-bit ciphers comes back as pairwise=CCMP-256 GCMP-256 CCMP
+// GCMP). Such a block is read from its own words, blanks kept.
+static WiFi_Security wpacm_security_of_block(CSimpleIniA& ini, const wpacm_config_block& block) {
     const wpa_cli_security* row =
         wpacm_match_security_row(wpacm_remove_quote(ini.GetValue("", "key_mgmt", "")),
                                  wpacm_remove_quote(ini.GetValue("", "proto", "")),
                                  wpacm_remove_quote(ini.GetValue("", "pairwise", "")));
-    if (ap_info->ssid.empty() || row == nullptr || row->value < WIFI_SECURITY_NONE ||
-        row->value > WIFI_SECURITY_ANY_WPA) {
+    if (row != nullptr) {
+        return row->value;
+    }
+    CSimpleIniA words;
+    words.LoadData(block.raw.c_str(), block.raw.size());
+    return wpacm_security_from_block_words(wpacm_remove_quote(words.GetValue("", "key_mgmt", "")),
+                                           wpacm_remove_quote(words.GetValue("", "proto", "")),
+                                           wpacm_remove_quote(words.GetValue("", "pairwise", "")),
+                                           words.GetValue("", "wep_key0", nullptr) != nullptr);
+}
+
+static bool wpacm_profile_from_block(CSimpleIniA& ini, const wpacm_config_block& block,
+                                     wifi_ap_info* ap_info) {
+    ini.Reset();
+    ini.LoadData(block.stripped.c_str(), block.stripped.size());
+    clear_wifi_ap_info(ap_info);
+    ap_info->ssid = wpacm_remove_quote(ini.GetValue("", "ssid", ""));
+    WiFi_Security security = wpacm_security_of_block(ini, block);
+    if (ap_info->ssid.empty() || security < WIFI_SECURITY_NONE ||
+        security > WIFI_SECURITY_ANY_WPA) {
         return false;
     }
-    ap_info->security = row->value;
+    ap_info->security = security;
     switch (ap_info->security) {
         case WIFI_SECURITY_NONE:
             ap_info->password.clear();
@@ -114,7 +189,7 @@ static bool wpacm_profile_from_block(CSimpleIniA& ini, const std::string& block,
 std::vector<wifi_ap_info> wpacm_read_wpa_config_profiles(const std::string& text) {
     std::vector<wifi_ap_info> profiles;
     CSimpleIniA ini;
-    for (const std::string& block : wpacm_network_blocks(text)) {
+    for (const wpacm_config_block& block : wpacm_network_blocks(text)) {
         wifi_ap_info ap_info;
         if (wpacm_profile_from_block(ini, block, &ap_info)) {
             profiles.push_back(ap_info);
