@@ -25,7 +25,7 @@ int commsvr_live_service_threads() {
 bool commsvr_wait_service_threads(int timeout_ms) {
     int64_t deadline = comm_now_ms() + timeout_ms;
     while (g_commsvr_live_threads > 0 && comm_now_ms() < deadline) {
-        struct timespec pause = {0, 10 * 1000 * 1000};
+        struct timespec pause = {0, 10L * 1000 * 1000};
         nanosleep(&pause, nullptr);
     }
     return g_commsvr_live_threads == 0;

@@ -101,7 +101,9 @@ static std::string wapinfo_profile_target() {
         if (target[0] == '/') {
             path = target;
         } else {
-            path = path.substr(0, path.rfind('/') + 1) + target;
+            // A relative target is taken from the link's own directory.
+            path.erase(path.rfind('/') + 1);
+            path += target;
         }
     }
     return path;
