@@ -25,6 +25,16 @@ namespace {
 const char* kSocket = "/tmp/wifi_manager.socket";
 const char* kProfile = "/www/nvram.wifista";
 
+// The sanitizers make every request many times slower; their runs take a
+// shorter form, the plain suite the longer one.
+#ifdef WIFIM_SANITIZED
+const int kSuiteToggles = 500;
+const int kSuiteRounds = 150;
+#else
+const int kSuiteToggles = 2000;
+const int kSuiteRounds = 400;
+#endif
+
 int env_count(const char* name, int fallback) {
     const char* value = getenv(name);
     return value != nullptr && atoi(value) > 0 ? atoi(value) : fallback;
@@ -166,7 +176,7 @@ class FieldStress : public DaemonRequests {
 };
 
 TEST_F(FieldStress, StationSwitchedOffAndOnWhileScansConnectsAndWpsRun) {
-    const int toggles = env_count("WIFIM_STRESS_TOGGLES", 2000);
+    const int toggles = env_count("WIFIM_STRESS_TOGGLES", kSuiteToggles);
     start_and_scan();
     std::atomic<bool> running{true};
     std::vector<std::thread> clients = busy_clients(&running);
@@ -238,7 +248,7 @@ TEST_F(FieldStress, SwitchingOffDuringAConnectLeavesTheStationDisassociated) {
 }
 
 TEST_F(FieldStress, ConcurrentSettingsAndProfileChangesAllReachTheFile) {
-    const int rounds = env_count("WIFIM_STRESS_ROUNDS", 400);
+    const int rounds = env_count("WIFIM_STRESS_ROUNDS", kSuiteRounds);
     start_and_scan();
     std::atomic<bool> running{true};
     std::atomic<int> malformed{0};
