@@ -11,6 +11,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <set>
 #include <thread>
@@ -276,9 +277,13 @@ TEST_F(FieldStress, ConcurrentSettingsAndProfileChangesAllReachTheFile) {
     // in the file until its next one.
     // (A SetNetSetting takes five seconds: the shell waits out the pause
     // before it starts the connected script in the background.)
+    // One setting for every twenty rounds of the others, so that settings
+    // and controller writes meet often enough.
+    const int setting_rounds = std::max(2, rounds / 20);
+    std::atomic<bool> settings_done{false};
     std::atomic<bool> changing{true};
     std::thread settings([&] {
-        for (int i = 0; i < 2 || changing; i++) {
+        for (int i = 0; i < setting_rounds; i++) {
             std::string ip = "10.9." + std::to_string(i / 200) + "." + std::to_string(i % 200 + 1);
             std::string text = "function=SetNetSetting\ndhcp=0\ndns_dhcp=0\nip_addr=" + ip +
                                "\nnetmask=255.255.0.0\ngateway=10.9.0.254\ndns_server1=10.9.0.1";
@@ -289,12 +294,13 @@ TEST_F(FieldStress, ConcurrentSettingsAndProfileChangesAllReachTheFile) {
                 lost_change("IP setting " + ip + " answered", state);
             }
         }
+        settings_done = true;
     });
     // The only client of the network "cafe": present after an answered
     // connect that succeeded, gone after an answered removal.
     std::thread cafe([&] {
         bool present = false;
-        for (int i = 0; i < rounds; i++) {
+        for (int i = 0; i < rounds || !settings_done; i++) {
             bool remove = i % 2 == 1;
             std::string text = remove ? "function=Remove\nssid=cafe\nsecurity=none"
                                       : "function=ConnectAP\nssid=cafe\nsecurity=open";
