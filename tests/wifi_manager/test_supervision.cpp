@@ -166,6 +166,35 @@ TEST_F(Faults, LostWpaSupplicantEndsTheWorkerWhichIsRestarted) {
     expect_profile_kept();
 }
 
+TEST_F(Faults, WpaSupplicantLostDuringAScanEndsTheWorker) {
+    // wpa_supplicant goes while a SCAN of the worker waits for its reply:
+    // the worker must still find out, not retry on a dead connection for
+    // ever while it keeps pinging.
+    wifim_test::sim_control(peer, "FAULT SCAN SILENT");
+    wifim_test::clear_sim_commands();
+    ASSERT_TRUE(wifim_test::wait_until(
+        [] {
+            for (const std::string& c : wifim_test::sim_commands()) {
+                if (c == "SCAN") {
+                    return true;
+                }
+            }
+            return false;
+        },
+        60000));
+    wifim_test::sim_control(peer, "CRASH");
+    ASSERT_TRUE(wifim_test::wait_until(
+        [] {
+            return !log_lines_with(
+                        "], Received exception or illegal signal, child pid:0, closed "
+                        "process")
+                        .empty();
+        },
+        90000));
+    EXPECT_FALSE(log_lines_with("], Request fail, command:SCAN,result:").empty());
+    EXPECT_TRUE(log_lines_with("Can't receive child ping message").empty());
+}
+
 TEST_F(Faults, WorkerWithoutAControllerIsRestartedWithoutGrowth) {
     // wpa_supplicant's configuration disappears: the next worker cannot start
     // its controller.

@@ -24,8 +24,12 @@
 // may look at it.
 #define WPACM_MARKER_FILE_MODE 0666
 
+// The signal goes to the calling thread itself, which is at a known point
+// (no lock of its own held, not inside the allocator); sent to the process,
+// it could land on another thread in the middle of a malloc, and the
+// handler's log line could then hang the worker instead of ending it.
 void wpacm_raise_fatal_signal() {
-    kill(getpid(), SIGILL);
+    pthread_kill(pthread_self(), SIGILL);
 }
 
 // Operations in progress on request threads, and whether the controller is
@@ -174,7 +178,13 @@ static int wpacm_retry_wait_ms(int attempt) {
 }
 
 bool wpacm_send_wpa_request(struct wpa_ctrl* ctrl, const char* command) {
+    bool no_reply = false;
+    return wpacm_send_wpa_command(ctrl, command, &no_reply);
+}
+
+bool wpacm_send_wpa_command(struct wpa_ctrl* ctrl, const char* command, bool* no_reply) {
     char reply[WPACM_SHORT_REPLY_SIZE];
+    *no_reply = false;
     for (int attempt = 1; attempt <= WPACM_REQUEST_ATTEMPTS; attempt++) {
         memset(reply, 0, sizeof(reply));
         size_t reply_len = sizeof(reply);
@@ -184,6 +194,7 @@ bool wpacm_send_wpa_request(struct wpa_ctrl* ctrl, const char* command) {
         wpacm_sleep_ms(wpacm_retry_wait_ms(attempt));
     }
     WPACM_LOG(LOG_Error, "Request fail, command:%s,result:%s", command, reply);
+    *no_reply = true;
     return false;
 }
 
