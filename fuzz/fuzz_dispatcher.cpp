@@ -48,7 +48,7 @@ void* stand_in_controller(void*) {
     wpa_request* request = &g_stand_in.data->request;
     while (true) {
         pthread_mutex_lock(&request->job_mutex);
-        wpacm_job_data_struct* job = request->in_used_job_list;
+        wpacm_job_data_struct* job = wpacm_take_job(request);
         pthread_mutex_unlock(&request->job_mutex);
         if (job == nullptr) {
             usleep(50);
@@ -73,7 +73,7 @@ void start_stand_in() {
     }
     std::string reply = scan_reply();
     wpacm_merge_scan_results(&g_stand_in.data->scan_result.scan_result_list, reply.c_str(),
-                             get_now_time_ms());
+                             wpacm_clock_ms());
     pthread_t thread;
     pthread_create(&thread, nullptr, stand_in_controller, nullptr);
     pthread_detach(thread);

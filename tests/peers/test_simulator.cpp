@@ -167,7 +167,7 @@ TEST_F(Simulator, FaultsSilenceAndCrash) {
     EXPECT_EQ(std::count(log.begin(), log.end(), "SCAN"), 3);
     EXPECT_EQ(wifim_test::sim_control(sim, "CRASH"), "OK\n");
     EXPECT_TRUE(wifim_test::wait_until(
-        [this] { return !wifim_test::file_exists(sim.ctrl_dir + "/" + sim.interface); }, 3000));
+        [this] { return !wifim_test::file_exists(sim.ctrl_dir + "/" + sim.interface); }, 60000));
 }
 
 TEST_F(Simulator, SaveConfigWritesNetworkBlocks) {

@@ -55,7 +55,7 @@ class DaemonRequests : public ::testing::Test {
             [this] {
                 return ask("function=GetAPList").find("<scanned>1</scanned>") != std::string::npos;
             },
-            20000));
+            60000));
     }
     wifim_test::wpa_peer peer;
     wifim_test::running_daemon daemon;

@@ -17,7 +17,7 @@ TEST_F(DaemonRequests, ConnectsOnItsOwnAndReconnectsAfterADrop) {
           "priority_2 = 1\n");
     // The first attempt comes about 20 s after start, once the forced scans are done.
     ASSERT_TRUE(wifim_test::wait_until(
-        [] { return wifim_test::file_exists("/tmp/wifista_connected"); }, 45000));
+        [] { return wifim_test::file_exists("/tmp/wifista_connected"); }, 60000));
     auto tries = wifim_test::log_lines_with("], Try to connect to SSID : home, network id:-1");
     ASSERT_EQ(tries.size(), 1u);
     EXPECT_TRUE(wifim_test::log_lines_with("Try to connect to SSID : never").empty());
@@ -25,9 +25,9 @@ TEST_F(DaemonRequests, ConnectsOnItsOwnAndReconnectsAfterADrop) {
 
     wifim_test::sim_control(peer, "DROP");
     EXPECT_TRUE(wifim_test::wait_until(
-        [] { return !wifim_test::file_exists("/tmp/wifista_connected"); }, 5000));
+        [] { return !wifim_test::file_exists("/tmp/wifista_connected"); }, 60000));
     ASSERT_TRUE(wifim_test::wait_until(
-        [] { return wifim_test::file_exists("/tmp/wifista_connected"); }, 30000));
+        [] { return wifim_test::file_exists("/tmp/wifista_connected"); }, 60000));
     // The access point of the last connection is passed over this time.
     tries =
         wifim_test::log_lines_with("], Try to connect to SSID : home, network id:-1, skip bssid:");

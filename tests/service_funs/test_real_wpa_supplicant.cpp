@@ -56,7 +56,7 @@ TEST_F(WithRealWpaSupplicant, WorkerClearsNetworksAtStartAndProfilesReadBackFrom
             return wifim_test::wpa_cli(peer, {"LIST_NETWORKS"}) ==
                    "network id / ssid / bssid / flags\n";
         },
-        5000));
+        60000));
     ASSERT_EQ(ask("function=ConnectAP\nssid=wired\nsecurity=open"),
               command_answer("wifista_connecte", 0, 1));
     // A network as WPS leaves it, saved by wpa_supplicant itself.

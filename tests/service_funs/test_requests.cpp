@@ -297,7 +297,7 @@ TEST_F(DaemonRequests, NetworkSettingsAreStoredAndReported) {
     EXPECT_NE(profile.find("wifi_dns1 = \n"), std::string::npos) << profile;
     // The connected script is started about five seconds later, once per store.
     EXPECT_TRUE(wifim_test::wait_until(
-        [] { return wifim_test::recorded_script_calls().size() == 3; }, 12000));
+        [] { return wifim_test::recorded_script_calls().size() == 3; }, 60000));
 }
 
 TEST_F(DaemonRequests, BadInputKeepsTheDaemonServingAndTheFileWellFormed) {

@@ -37,14 +37,14 @@ TEST_F(StationScripts, StaticSettingsAreAppliedAndReportedByGetConnected) {
     // The daemon runs the script after connecting.
     ASSERT_TRUE(wifim_test::wait_until(
         [] { return ip_output("-4 addr show dev wlan0").find("10.1.2.3/16") != std::string::npos; },
-        20000))
+        60000))
         << ip_output("-4 addr show dev wlan0");
     // The route comes a moment after the address.
     EXPECT_TRUE(wifim_test::wait_until(
         [] {
             return ip_output("route").find("default via 10.1.0.1 dev wlan0") != std::string::npos;
         },
-        5000))
+        60000))
         << ip_output("route");
     EXPECT_EQ(wifim_test::read_file("/etc/resolv.conf"),
               "nameserver 10.1.0.2\nnameserver 10.1.0.3\n#wifi_manager\nnameserver 9.9.9.9\n");
@@ -97,7 +97,7 @@ TEST_F(StationScripts, StationScriptStartsAndStopsWpaSupplicant) {
         wifim_test::run_process({"/bin/sh", "-c", env + "/home/qorun/wifi_station.sh start"});
     EXPECT_EQ(started.exit_status, 0) << started.err;
     EXPECT_TRUE(wifim_test::wait_until(
-        [this] { return wifim_test::wpa_cli(peer, {"PING"}) == "PONG\n"; }, 10000));
+        [this] { return wifim_test::wpa_cli(peer, {"PING"}) == "PONG\n"; }, 60000));
     EXPECT_NE(ip_output("link show wlan0").find(",UP"), std::string::npos);
 
     auto stopped =
@@ -111,7 +111,7 @@ TEST_F(StationScripts, StationScriptStartsAndStopsWpaSupplicant) {
                   .exit_status,
               0);
     EXPECT_TRUE(wifim_test::wait_until(
-        [this] { return wifim_test::wpa_cli(peer, {"PING"}) == "PONG\n"; }, 10000));
+        [this] { return wifim_test::wpa_cli(peer, {"PING"}) == "PONG\n"; }, 60000));
     EXPECT_EQ(
         wifim_test::run_process({"/bin/sh", "-c", "/home/qorun/wifi_station.sh bogus"}).exit_status,
         2);

@@ -106,7 +106,7 @@ class Channel : public ::testing::Test {
     void TearDown() override {
         commsvr_close(server);
         // Service threads leave within about a second of the stop.
-        wifim_test::wait_until([this] { return seen.in_callback == 0; }, 5000);
+        wifim_test::wait_until([this] { return seen.in_callback == 0; }, 60000);
         usleep(1200000);
     }
     // One request through the client; returns the answer or "" on failure.
@@ -213,7 +213,7 @@ TEST_F(Channel, FiveSlowRequestsHoldOffASixth) {
     for (int i = 0; i < 5; i++) {
         slow.emplace_back([this, i] { request("slow" + std::to_string(i)); });
     }
-    ASSERT_TRUE(wifim_test::wait_until([this] { return seen.in_callback == 5; }, 3000));
+    ASSERT_TRUE(wifim_test::wait_until([this] { return seen.in_callback == 5; }, 60000));
     seen.delay_ms = 0;
     long start_ms = wifim_test::now_ms();
     EXPECT_EQ(request("sixth"), "echo:sixth");
@@ -248,7 +248,7 @@ TEST_F(Channel, MalformedFramesLeakNoDescriptor) {
     }
     ASSERT_EQ(request("after"), "echo:after");
     // The server closes its side just after answering.
-    EXPECT_TRUE(wifim_test::wait_until([before] { return open_fd_count() <= before; }, 10000))
+    EXPECT_TRUE(wifim_test::wait_until([before] { return open_fd_count() <= before; }, 60000))
         << open_fd_count() << " descriptors open, " << before << " before";
 }
 
@@ -284,8 +284,8 @@ TEST_F(Channel, ThousandSilentClientsCostNothingOnceGone) {
     EXPECT_GT(connected, 0);
     EXPECT_EQ(seen.calls, 1);
     EXPECT_TRUE(
-        wifim_test::wait_until([this] { return request("after", 1500) == "echo:after"; }, 15000));
-    EXPECT_TRUE(wifim_test::wait_until([before] { return open_fd_count() <= before; }, 10000))
+        wifim_test::wait_until([this] { return request("after", 1500) == "echo:after"; }, 60000));
+    EXPECT_TRUE(wifim_test::wait_until([before] { return open_fd_count() <= before; }, 60000))
         << open_fd_count() << " descriptors open, " << before << " before";
 }
 
@@ -296,7 +296,7 @@ TEST_F(Channel, ClosingWithRequestsInFlightIsSafe) {
     for (int i = 0; i < 5; i++) {
         clients.emplace_back([this] { request("inflight", 3000); });
     }
-    ASSERT_TRUE(wifim_test::wait_until([this] { return seen.in_callback > 0; }, 3000));
+    ASSERT_TRUE(wifim_test::wait_until([this] { return seen.in_callback > 0; }, 60000));
     commsvr_close(server);
     server = nullptr;
     EXPECT_FALSE(wifim_test::file_exists(kPath));
@@ -305,7 +305,45 @@ TEST_F(Channel, ClosingWithRequestsInFlightIsSafe) {
     }
     // Every thread has finished with the server's memory; the sanitizer
     // builds would report any touch of it after this point.
-    EXPECT_TRUE(wifim_test::wait_until([this] { return seen.in_callback == 0; }, 5000));
+    EXPECT_TRUE(wifim_test::wait_until([this] { return seen.in_callback == 0; }, 60000));
+}
+
+TEST_F(Channel, ClosingLeavesASocketBoundSinceInItsPlace) {
+    // A daemon stopped and started at once: the new worker binds its socket
+    // while the old one is still shutting down.
+    start();
+    seen_requests fresh_seen;
+    void* fresh = commsvr_init(kPath, 5, echo_callback, &fresh_seen);
+    ASSERT_NE(fresh, nullptr);
+    commsvr_close(server);
+    server = fresh;
+    struct stat st;
+    ASSERT_EQ(lstat(kPath, &st), 0) << "the old server removed the new server's socket";
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(request("still here"), "echo:still here");
+    EXPECT_TRUE(wifim_test::wait_until([&] { return fresh_seen.calls == 1; }, 60000));
+    // Its own socket the closing server does remove.
+    commsvr_close(server);
+    server = nullptr;
+    EXPECT_FALSE(wifim_test::file_exists(kPath));
+}
+
+TEST_F(Channel, ServiceThreadsAreAllGoneSoonAfterTheClose) {
+    start();
+    seen.delay_ms = 300;
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 5; i++) {
+        clients.emplace_back([this] { request("busy", 3000); });
+    }
+    ASSERT_TRUE(wifim_test::wait_until([this] { return seen.in_callback > 0; }, 60000));
+    EXPECT_GT(commsvr_live_service_threads(), 0);
+    commsvr_close(server);
+    server = nullptr;
+    EXPECT_TRUE(commsvr_wait_service_threads(20000));
+    EXPECT_EQ(commsvr_live_service_threads(), 0);
+    for (auto& t : clients) {
+        t.join();
+    }
 }
 
 TEST_F(Channel, InitRefusesMissingArguments) {

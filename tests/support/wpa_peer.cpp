@@ -39,7 +39,7 @@ bool start_wired_wpa_supplicant(wpa_peer* peer, const std::string& interface,
     peer->pid = spawn_process(
         {"/usr/sbin/wpa_supplicant", "-D", "wired", "-i", interface, "-c", peer->config},
         "/tmp/wpa_supplicant.out");
-    return wait_until([peer] { return wpa_cli(*peer, {"PING"}) == "PONG\n"; }, 10000);
+    return wait_until([peer] { return wpa_cli(*peer, {"PING"}) == "PONG\n"; }, 60000);
 }
 
 void stop_wpa_peer(wpa_peer* peer) {
@@ -70,7 +70,7 @@ bool start_simulator(wpa_peer* peer, const std::string& world_text, const std::s
                                      kSimCommands};
     argv.insert(argv.end(), extra.begin(), extra.end());
     peer->pid = spawn_process(argv, "/tmp/wpa_sim.out");
-    return wait_until([peer] { return wpa_cli(*peer, {"PING"}) == "PONG\n"; }, 10000);
+    return wait_until([peer] { return wpa_cli(*peer, {"PING"}) == "PONG\n"; }, 60000);
 }
 
 std::string sim_control(const wpa_peer& peer, const std::string& control) {
@@ -139,7 +139,9 @@ bool start_daemon(running_daemon* daemon, const std::string& wpa_config,
     std::vector<std::string> argv = {daemon_binary(), "-F", "-c", wpa_config, "-i", interface};
     argv.insert(argv.end(), extra.begin(), extra.end());
     daemon->pid = spawn_process(argv, "/tmp/daemon.console");
-    return wait_until([] { return file_exists("/tmp/wifi_manager.socket"); }, 10000);
+    // Generous for a loaded machine under a sanitizer; a daemon that starts
+    // at all binds its socket within a second.
+    return wait_until([] { return file_exists("/tmp/wifi_manager.socket"); }, 60000);
 }
 
 int stop_daemon(running_daemon* daemon, int grace_ms) {

@@ -1,10 +1,12 @@
 // A save of the profile file that fails is retried. The test binary is linked
-// with --wrap=fopen so that opens of the profile file for writing can be
-// made to fail, or to land on /dev/full so that the write itself fails.
+// with --wrap=fdopen so that the open of the new contents' file can be made
+// to fail, or to land on /dev/full so that the write itself fails.
 #include <gtest/gtest.h>
 #include <errno.h>
+#include <limits.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -23,22 +25,32 @@ open_fault g_fault = open_fault::none;
 int g_faults_left = 0;
 std::vector<long> g_write_open_ms;
 
+// The file a descriptor is open on.
+std::string fd_path(int fd) {
+    char link[64];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    char target[PATH_MAX] = {};
+    ssize_t n = readlink(link, target, sizeof(target) - 1);
+    return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
+}
+
 }  // namespace
 
-extern "C" FILE* __real_fopen(const char* path, const char* mode);
+extern "C" FILE* __real_fdopen(int fd, const char* mode);
 
-extern "C" FILE* __wrap_fopen(const char* path, const char* mode) {
-    bool profile_write = strcmp(path, WIFIM_PROFILE_FILE) == 0 && mode[0] == 'w';
+extern "C" FILE* __wrap_fdopen(int fd, const char* mode) {
+    bool profile_write = fd_path(fd) == WIFIM_PROFILE_FILE ".tmp" && mode[0] == 'w';
     if (!profile_write) {
-        return __real_fopen(path, mode);
+        return __real_fdopen(fd, mode);
     }
     g_write_open_ms.push_back(wifim_test::now_ms());
     if (g_faults_left == 0 || g_fault == open_fault::none) {
-        return __real_fopen(path, mode);
+        return __real_fdopen(fd, mode);
     }
     g_faults_left--;
     if (g_fault == open_fault::full_device) {
-        return __real_fopen("/dev/full", mode);
+        close(fd);
+        return fopen("/dev/full", mode);
     }
     errno = EACCES;
     return nullptr;
@@ -126,4 +138,16 @@ TEST_F(ProfileSaveRetry, GivesUpAfterFiveFailedWrites) {
     EXPECT_EQ(g_write_open_ms.size(), 5u);
     EXPECT_GE(elapsed, 5 * 50);
     EXPECT_FALSE(wifim_test::file_exists(WIFIM_PROFILE_FILE));
+}
+
+TEST_F(ProfileSaveRetry, FailedSavesLeaveThePreviousFileWhole) {
+    save_one_profile();
+    std::string before = wifim_test::read_file(WIFIM_PROFILE_FILE);
+    ASSERT_NE(before.find("ssid_1 = Home"), std::string::npos);
+    std::vector<wifi_ap_info> list = {make_profile("Other", WIFI_SECURITY_NONE, "", 1)};
+    g_fault = open_fault::full_device;
+    g_faults_left = 100;
+    wapinfo_update_profile_to_user_setting(true, &list, nullptr);
+    EXPECT_EQ(wifim_test::read_file(WIFIM_PROFILE_FILE), before);
+    EXPECT_FALSE(wifim_test::file_exists(WIFIM_PROFILE_FILE ".tmp"));
 }

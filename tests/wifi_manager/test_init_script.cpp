@@ -40,7 +40,7 @@ TEST(InitScript, StartStatusRestartStop) {
 
     EXPECT_EQ(init_script("start").exit_status, 0);
     ASSERT_TRUE(wifim_test::wait_until(
-        [] { return wifim_test::file_exists("/tmp/wifi_manager.socket"); }, 10000));
+        [] { return wifim_test::file_exists("/tmp/wifi_manager.socket"); }, 60000));
     auto running = init_script("status");
     EXPECT_EQ(running.exit_status, 0);
     EXPECT_EQ(running.out.compare(0, 26, "wifi_manager running (pid "), 0) << running.out;
@@ -49,7 +49,7 @@ TEST(InitScript, StartStatusRestartStop) {
 
     EXPECT_EQ(init_script("restart").exit_status, 0);
     ASSERT_TRUE(wifim_test::wait_until(
-        [] { return wifim_test::file_exists("/tmp/wifi_manager.socket"); }, 10000));
+        [] { return wifim_test::file_exists("/tmp/wifi_manager.socket"); }, 60000));
     EXPECT_EQ(wifim_test::log_lines_with("Program close").size(), 1u);
     EXPECT_EQ(daemon_processes(), 2);
 

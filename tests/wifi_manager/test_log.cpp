@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <regex>
@@ -199,4 +200,60 @@ TEST_F(Log, ConcurrentWritersNeverSplitALine) {
     for (const auto& line : lines) {
         EXPECT_TRUE(std::regex_match(line, shape)) << line;
     }
+}
+
+TEST_F(Log, APlantedLinkIsNotWrittenThroughAndTheLineIsLost) {
+    ASSERT_TRUE(write_file("/tmp/victim", "precious\n"));
+    ASSERT_EQ(symlink("/tmp/victim", kLog), 0);
+    wifim_insert_log(LOG_Info, "through the link");
+    EXPECT_EQ(read_file("/tmp/victim"), "precious\n");
+    // A link to nothing must not create its target either.
+    unlink(kLog);
+    unlink("/tmp/victim");
+    ASSERT_EQ(symlink("/tmp/victim", kLog), 0);
+    wifim_insert_log(LOG_Info, "through the dangling link");
+    EXPECT_FALSE(wifim_test::file_exists("/tmp/victim"));
+    unlink(kLog);
+}
+
+TEST_F(Log, APlantedLinkToALargeFileIsNotShrunk) {
+    std::string big(WIFIM_LOG_MAX_SIZE + 10, 'x');
+    ASSERT_TRUE(write_file("/tmp/victim", big));
+    ASSERT_EQ(symlink("/tmp/victim", kLog), 0);
+    wifim_insert_log(LOG_Info, "shrink through the link");
+    EXPECT_EQ(read_file("/tmp/victim"), big);
+    unlink(kLog);
+    unlink("/tmp/victim");
+}
+
+TEST_F(Log, TheLogIsTheOwnersAloneWhateverTheUmask) {
+    mode_t old = umask(0);
+    wifim_insert_log(LOG_Info, "key=secret");
+    struct stat st;
+    ASSERT_EQ(stat(kLog, &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    // A log left more open by an older daemon is closed up on the next line.
+    chmod(kLog, 0644);
+    wifim_insert_log(LOG_Info, "another line");
+    ASSERT_EQ(stat(kLog, &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    // So is the file the shrink rewrites.
+    ASSERT_TRUE(write_file(kLog, std::string(WIFIM_LOG_MAX_SIZE, 'y'), 0644));
+    wifim_insert_log(LOG_Info, "after the shrink");
+    ASSERT_EQ(stat(kLog, &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    umask(old);
+}
+
+TEST_F(Log, DatesFollowTheWallClock) {
+    // One year ahead of the host's clock, as after a step to a time server.
+    wifim_step_wall_clock(366LL * 24 * 3600 * 1000);
+    wifim_insert_log(LOG_Info, "stepped");
+    wifim_step_wall_clock(-366LL * 24 * 3600 * 1000);
+    time_t now = time(nullptr) + 366 * 24 * 3600;
+    struct tm local;
+    localtime_r(&now, &local);
+    char year[8];
+    strftime(year, sizeof(year), "%Y/", &local);
+    EXPECT_EQ(read_file(kLog).compare(0, 5, year), 0) << read_file(kLog);
 }

@@ -200,8 +200,12 @@ static int service_store_network_setting(CSimpleIniA& receive_data) {
     }
     bool enable = true;
     std::vector<wifi_ap_info> profiles;
+    // The switch and the profiles read here go back into the file unchanged:
+    // no other writer may come between the read and the write.
+    wapinfo_lock_profile_file();
     wapinfo_read_profile(&enable, &profiles, nullptr);
     wapinfo_update_profile_to_user_setting(enable, &profiles, &setting);
+    wapinfo_unlock_profile_file();
     int ignored = system(SERVICE_APPLY_SETTINGS_COMMAND);
     (void)ignored;
     return API_SUCCESS;

@@ -3,15 +3,9 @@
 #include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/times.h>
 #include <unistd.h>
 
 #include "comm_internal.h"
-
-static clock_t comm_now_ticks() {
-    struct tms ignored;
-    return times(&ignored);
-}
 
 // Waits for readability: in one-second rounds while a deadline applies,
 // without limit otherwise. Returns >0 when readable, 0 after an empty
@@ -30,16 +24,15 @@ static int comm_wait_readable(int fd, bool bounded) {
 
 int commsvr_receive_data(int fd, void* receive_buf, int buf_size, int timeout_ms) {
     bool bounded = timeout_ms != 0;
-    clock_t deadline = 0;
+    int64_t deadline = 0;
     if (bounded) {
-        deadline = comm_now_ticks() + static_cast<clock_t>(static_cast<long long>(timeout_ms) *
-                                                           sysconf(_SC_CLK_TCK) / 1000);
+        deadline = comm_now_ms() + timeout_ms;
     }
     memset(receive_buf, 0, static_cast<size_t>(buf_size));
     char* buf = static_cast<char*>(receive_buf);
     int count = 0;
     while (count < buf_size) {
-        if (bounded && comm_now_ticks() >= deadline) {
+        if (bounded && comm_now_ms() >= deadline) {
             return count;
         }
         int ready = comm_wait_readable(fd, bounded);

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <pthread.h>
-#include <sys/times.h>
+#include <stdint.h>
+#include <sys/types.h>
 #include <sys/un.h>
+#include <time.h>
 
 #include <atomic>
 
@@ -11,6 +13,8 @@
 
 #define COMM_MAX_REQUESTS_PER_THREAD 100
 #define COMM_SOCKET_PATH_SIZE 256
+// A service thread that the system refused is tried again after this pause.
+#define COMM_THREAD_RETRY_MS 1000
 
 struct communication_server_data;
 
@@ -19,8 +23,8 @@ struct service_thread_data {
     int index;
     pthread_t thread_id;  // 0 when the slot has no thread
     volatile int request_count;
-    volatile int socket;  // connection to serve; 0 when idle
-    volatile clock_t request_start_clock;
+    volatile int socket;                   // connection to serve; 0 when idle
+    volatile int64_t request_start_clock;  // ms of the monotonic clock
     communication_server_data* comsvr_data;
     service_thread_data* next_data;
 };
@@ -42,7 +46,20 @@ struct communication_server_data {
     // every service thread still alive. The last one to leave frees it, so
     // a detached thread never touches freed memory.
     int holders;
+    // The socket file this server bound. A worker shutting down removes the
+    // path only while it still names this socket: a daemon restarted at once
+    // may already have bound a fresh one there.
+    dev_t socket_dev;
+    ino_t socket_ino;
 };
+
+// Milliseconds of the monotonic clock: request time-outs must hold across a
+// step of the wall clock, and times() wraps on a 32-bit device.
+inline int64_t comm_now_ms() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 // The socket address of a path, cut to what the address can hold.
 void comm_unix_address(const char* path, struct sockaddr_un* addr);

@@ -6,7 +6,6 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/times.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
@@ -17,16 +16,37 @@
 
 #define COMM_SOCKET_MODE 0666
 
-static clock_t comm_now_ticks() {
-    struct tms ignored;
-    return times(&ignored);
+static std::atomic<int> g_commsvr_live_threads{0};
+
+int commsvr_live_service_threads() {
+    return g_commsvr_live_threads;
+}
+
+bool commsvr_wait_service_threads(int timeout_ms) {
+    int64_t deadline = comm_now_ms() + timeout_ms;
+    while (g_commsvr_live_threads > 0 && comm_now_ms() < deadline) {
+        struct timespec pause = {0, 10L * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+    }
+    return g_commsvr_live_threads == 0;
+}
+
+// Waits on the condition (mutex held) for up to timeout_ms of the monotonic
+// clock, which a step of the wall clock does not move.
+static void comm_wait_ms(communication_server_data* server, int timeout_ms) {
+    struct timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += timeout_ms / 1000;
+    deadline.tv_nsec += static_cast<long>(timeout_ms % 1000) * 1000000;
+    if (deadline.tv_nsec >= 1000000000) {
+        deadline.tv_sec++;
+        deadline.tv_nsec -= 1000000000;
+    }
+    pthread_cond_timedwait(&server->thread_data_condition, &server->thread_data_mutex, &deadline);
 }
 
 static void comm_wait_one_second(communication_server_data* server) {
-    struct timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += 1;
-    pthread_cond_timedwait(&server->thread_data_condition, &server->thread_data_mutex, &deadline);
+    comm_wait_ms(server, 1000);
 }
 
 static void comm_free_server(communication_server_data* server) {
@@ -156,6 +176,9 @@ static void* commsvr_service_thread(void* arg) {
     }
     pthread_mutex_unlock(&server->thread_data_mutex);
     comm_release_server(server);
+    // The last thing this thread does: the worker waits for the count to
+    // reach 0 before it ends the process.
+    g_commsvr_live_threads--;
     return nullptr;
 }
 
@@ -168,6 +191,7 @@ static bool comm_start_service_thread(communication_server_data* server,
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     server->holders++;
+    g_commsvr_live_threads++;
     pthread_t thread;
     bool started = pthread_create(&thread, &attr, commsvr_service_thread, slot) == 0;
     pthread_attr_destroy(&attr);
@@ -175,30 +199,37 @@ static bool comm_start_service_thread(communication_server_data* server,
         slot->thread_id = thread;
     } else {
         server->holders--;
+        g_commsvr_live_threads--;
     }
     return started;
 }
 
 // Takes a free slot for the next connection, waiting while all are busy
 // (further clients wait in the kernel's queue meanwhile). Null on stop.
+// When the system refuses a thread for the slot (no memory, too many
+// threads), the slot goes back and the listener tries again a second
+// later; nothing is accepted meanwhile, so no client is left with a
+// connection that nobody serves.
 static service_thread_data* comm_take_free_slot(communication_server_data* server) {
     pthread_mutex_lock(&server->thread_data_mutex);
-    while (server->unuse_list == nullptr && !server->stop_service) {
-        comm_wait_one_second(server);
-    }
-    service_thread_data* slot = server->unuse_list;
-    if (server->stop_service || slot == nullptr) {
-        pthread_mutex_unlock(&server->thread_data_mutex);
-        return nullptr;
-    }
-    server->unuse_list = slot->next_data;
-    slot->next_data = server->in_used_list;
-    server->in_used_list = slot;
-    if (slot->thread_id == 0) {
-        comm_start_service_thread(server, slot);
+    while (!server->stop_service) {
+        service_thread_data* slot = server->unuse_list;
+        if (slot == nullptr) {
+            comm_wait_one_second(server);
+            continue;
+        }
+        server->unuse_list = slot->next_data;
+        slot->next_data = server->in_used_list;
+        server->in_used_list = slot;
+        if (slot->thread_id != 0 || comm_start_service_thread(server, slot)) {
+            pthread_mutex_unlock(&server->thread_data_mutex);
+            return slot;
+        }
+        commsvr_return_thread_data_to_unused_list(server, slot, false);
+        comm_wait_ms(server, COMM_THREAD_RETRY_MS);
     }
     pthread_mutex_unlock(&server->thread_data_mutex);
-    return slot;
+    return nullptr;
 }
 
 static bool comm_wait_for_client(communication_server_data* server) {
@@ -228,7 +259,7 @@ static void* commsvr_listen_thread(void* arg) {
         }
         pthread_mutex_lock(&server->thread_data_mutex);
         slot->socket = client;
-        slot->request_start_clock = comm_now_ticks();
+        slot->request_start_clock = comm_now_ms();
         slot->request_count = slot->request_count + 1;
         pthread_cond_broadcast(&server->thread_data_condition);
         pthread_mutex_unlock(&server->thread_data_mutex);
@@ -268,7 +299,11 @@ static communication_server_data* comm_new_server(const char* socket_file, int m
         return nullptr;
     }
     pthread_mutex_init(&server->thread_data_mutex, nullptr);
-    pthread_cond_init(&server->thread_data_condition, nullptr);
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&server->thread_data_condition, &attr);
+    pthread_condattr_destroy(&attr);
     strncpy(server->socket_path, socket_file, COMM_SOCKET_PATH_SIZE - 1);
     server->max_threads = max_threads;
     server->stop_service = 0;
@@ -300,6 +335,11 @@ void* commsvr_init(const char* socket_file, int max_listen_thread,
         return nullptr;
     }
     server->socket_fp = fd;
+    struct stat bound;
+    if (lstat(socket_file, &bound) == 0) {
+        server->socket_dev = bound.st_dev;
+        server->socket_ino = bound.st_ino;
+    }
     server->service_callback_fun = service_callback_fun;
     server->attach_data = attach_data;
     if (pthread_create(&server->listen_thread_id, nullptr, commsvr_listen_thread, server) != 0) {
@@ -311,8 +351,17 @@ void* commsvr_init(const char* socket_file, int max_listen_thread,
     return server;
 }
 
-// Service threads are not waited for: they see the stop flag within about
-// a second and the last one out frees the server.
+// Whether the socket path still names the socket this server bound, and
+// not one that a daemon started since has bound in its place.
+static bool comm_path_is_our_socket(const communication_server_data* server) {
+    struct stat now;
+    return lstat(server->socket_path, &now) == 0 && S_ISSOCK(now.st_mode) &&
+           now.st_dev == server->socket_dev && now.st_ino == server->socket_ino;
+}
+
+// Service threads are not waited for here: they see the stop flag within
+// about a second and the last one out frees the server (the worker waits
+// for them before it ends, commsvr_wait_service_threads).
 void commsvr_close(void* commsvr_data) {
     communication_server_data* server = static_cast<communication_server_data*>(commsvr_data);
     if (server == nullptr) {
@@ -324,7 +373,7 @@ void commsvr_close(void* commsvr_data) {
     pthread_mutex_unlock(&server->thread_data_mutex);
     pthread_join(server->listen_thread_id, nullptr);
     close(server->socket_fp);
-    if (server->socket_path[0] != '\0') {
+    if (server->socket_path[0] != '\0' && comm_path_is_our_socket(server)) {
         unlink(server->socket_path);
     }
     comm_release_server(server);

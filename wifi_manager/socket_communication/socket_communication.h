@@ -23,6 +23,12 @@ typedef void (*commsvr_service_callback)(int socket, char* data, int size, void*
 void* commsvr_init(const char* socket_file, int max_listen_thread,
                    commsvr_service_callback service_callback_fun, void* attach_data);
 void commsvr_close(void* commsvr_data);
+// Service threads of every server of the process that have not yet ended;
+// after commsvr_close they end within about a second.
+int commsvr_live_service_threads();
+// Waits up to timeout_ms for every service thread to end; true when none is
+// left.
+bool commsvr_wait_service_threads(int timeout_ms);
 int commsvr_send_response(int socket, const void* buf, int buf_size);
 
 // Frame reading, shared by server and client. A timeout_ms of 0 means no limit.

@@ -54,6 +54,14 @@
 #define WAPINFO_SAVE_RETRY_MIN_MS 50
 #define WAPINFO_SAVE_RETRY_SPREAD_MS 151
 
+// The file holds the user's keys: only its owner (root) may read it.
+#define WAPINFO_FILE_MODE 0600
+// The new contents are written beside the file under this suffix, then
+// renamed over it.
+#define WAPINFO_TEMP_SUFFIX ".tmp"
+// Symbolic links followed to find the file itself, as the kernel would.
+#define WAPINFO_MAX_LINK_HOPS 40
+
 // The keys of profile number n.
 struct wapinfo_profile_keys {
     char ssid[WAPINFO_KEY_SIZE];

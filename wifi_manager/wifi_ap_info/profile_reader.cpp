@@ -126,7 +126,9 @@ void wapinfo_read_profile(bool* enable_feature, std::vector<wifi_ap_info>* ap_in
         ap_info_vector->clear();
     }
     CSimpleIniA ini;
+    wapinfo_lock_profile_file();
     wapinfo_load_profile_file(&ini);
+    wapinfo_unlock_profile_file();
     if (enable_feature != nullptr) {
         *enable_feature = ini.GetBoolValue(WAPINFO_SECTION, WAPINFO_KEY_STATION_ENABLE, true);
     }

@@ -1,7 +1,11 @@
 // Writing the profile file: the whole file is rebuilt from the caller's
 // settings and list, so keys the program no longer knows are dropped.
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -82,17 +86,83 @@ static void wapinfo_put_profiles(CSimpleIniA* ini, const std::vector<wifi_ap_inf
     }
 }
 
-// A write error can first show when the buffer is flushed, so the close
-// counts as part of the save.
-static bool wapinfo_save_once(const CSimpleIniA& ini) {
-    FILE* fp = fopen(WIFIM_PROFILE_FILE, "wb");
+// The path that holds the contents: the profile path itself, or the end of
+// its chain of symbolic links, so that the rename replaces the target and
+// the link the device was set up with survives.
+static std::string wapinfo_profile_target() {
+    std::string path = WIFIM_PROFILE_FILE;
+    for (int hop = 0; hop < WAPINFO_MAX_LINK_HOPS; hop++) {
+        char target[PATH_MAX];
+        ssize_t n = readlink(path.c_str(), target, sizeof(target) - 1);
+        if (n < 0) {
+            break;
+        }
+        target[n] = '\0';
+        if (target[0] == '/') {
+            path = target;
+        } else {
+            // A relative target is taken from the link's own directory.
+            path.erase(path.rfind('/') + 1);
+            path += target;
+        }
+    }
+    return path;
+}
+
+static std::string wapinfo_directory_of(const std::string& path) {
+    size_t slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// The rename is only durable once the directory entry is on the disk.
+static void wapinfo_sync_directory(const std::string& directory) {
+    int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        fsync(fd);
+        close(fd);
+    }
+}
+
+// Writes the contents to the temporary file and makes them reach the disk.
+// A write error can first show when the buffer is flushed, so the flush,
+// the sync and the close count as part of the save.
+static bool wapinfo_write_temp_file(const CSimpleIniA& ini, const std::string& temp) {
+    // A temporary file left by a save that was cut short is replaced; one
+    // that is not a plain file of ours (a planted link) is never written
+    // through, since the new file is created exclusively.
+    unlink(temp.c_str());
+    int fd =
+        open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, WAPINFO_FILE_MODE);
+    if (fd < 0) {
+        return false;
+    }
+    // Whatever the process's umask: the file holds the user's keys.
+    fchmod(fd, WAPINFO_FILE_MODE);
+    FILE* fp = fdopen(fd, "wb");
     if (fp == nullptr) {
+        close(fd);
         return false;
     }
     bool ok = ini.SaveFile(fp) == SI_OK;
+    ok = fflush(fp) == 0 && ok;
     ok = ferror(fp) == 0 && ok;
+    ok = fsync(fileno(fp)) == 0 && ok;
     ok = fclose(fp) == 0 && ok;
     return ok;
+}
+
+static bool wapinfo_save_once(const CSimpleIniA& ini) {
+    std::string target = wapinfo_profile_target();
+    std::string temp = target + WAPINFO_TEMP_SUFFIX;
+    if (!wapinfo_write_temp_file(ini, temp) || rename(temp.c_str(), target.c_str()) != 0) {
+        unlink(temp.c_str());
+        return false;
+    }
+    wapinfo_sync_directory(wapinfo_directory_of(target));
+    return true;
 }
 
 static void wapinfo_save_profile_file(const CSimpleIniA& ini) {
@@ -108,6 +178,9 @@ static void wapinfo_save_profile_file(const CSimpleIniA& ini) {
 void wapinfo_update_profile_to_user_setting(bool enable_feature,
                                             std::vector<wifi_ap_info>* ap_info_vector,
                                             wifi_network_setting* wifi_net_setting) {
+    // The IP settings kept and the file written are one step, so that no
+    // other writer's settings slip in between and get lost.
+    wapinfo_lock_profile_file();
     wifi_network_setting kept_setting;
     if (wifi_net_setting == nullptr) {
         bool scratch_enable = true;
@@ -121,4 +194,15 @@ void wapinfo_update_profile_to_user_setting(bool enable_feature,
         wapinfo_put_profiles(&ini, *ap_info_vector);
     }
     wapinfo_save_profile_file(ini);
+    wapinfo_unlock_profile_file();
+}
+
+static pthread_mutex_t g_wapinfo_file_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+void wapinfo_lock_profile_file() {
+    pthread_mutex_lock(&g_wapinfo_file_mutex);
+}
+
+void wapinfo_unlock_profile_file() {
+    pthread_mutex_unlock(&g_wapinfo_file_mutex);
 }

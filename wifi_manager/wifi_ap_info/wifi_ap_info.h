@@ -89,14 +89,27 @@ struct wifi_network_setting {
 void wapinfo_read_profile(bool* enable_feature, std::vector<wifi_ap_info>* ap_info_vector,
                           wifi_network_setting* wifi_net_setting);
 
+// The profile file has one writer at a time in the process: request threads
+// and the controller both read and rewrite it, and a read-modify-write that
+// interleaved with another would lose a saved network or IP setting. Every
+// read and write below holds this lock; a caller that reads and then writes
+// holds it across both (it may be taken again by the same thread). Taken
+// after registed_ap_mutex, never before it.
+void wapinfo_lock_profile_file();
+void wapinfo_unlock_profile_file();
+
 // Rewrites the whole profile file; a null wifi_net_setting keeps the IP
 // settings the file holds now. Profiles are numbered in list order; one
 // whose security has no name is left out. Values are single lines: a line
 // break in a value is stored as a blank, so that it cannot end the line and
 // start a key of its own. Blanks at either end of a value do not survive a
 // read, so a profile whose SSID is empty or only blanks is left out: it
-// would end the list for every profile after it. Gives up silently after
-// five failed attempts to save.
+// would end the list for every profile after it. The new contents go to a
+// temporary file beside the file (beside the link's target when the path is
+// a symbolic link), reach the disk, and replace the file by a rename, so
+// that a power cut or a killed worker leaves either the old file or the new
+// one, never a part of one. Gives up silently after five failed attempts to
+// save, leaving the previous file whole.
 void wapinfo_update_profile_to_user_setting(bool enable_feature,
                                             std::vector<wifi_ap_info>* ap_info_vector,
                                             wifi_network_setting* wifi_net_setting);

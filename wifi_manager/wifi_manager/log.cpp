@@ -96,6 +96,24 @@ static long wifim_read_all(int fd, char* data, size_t size) {
 // Cuts a full log down to its tail. Returns false when the lock could not be
 // had, in which case the caller's line is dropped. The log is also written
 // from signal handlers, so it uses plain system calls and no heap.
+// The log is a root daemon's file at a fixed name in world-writable /tmp:
+// a symbolic link planted there must not make the daemon append to, or
+// empty, another file, so the open fails instead and the line is lost. The
+// lines may carry keys, so the file is the owner's alone whatever the umask
+// (the worker runs with umask 0), also when an older file was more open.
+static int wifim_open_log_file(const char* filename, int extra_flags) {
+    int fd = open(filename, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | extra_flags,
+                  WIFIM_LOG_FILE_MODE);
+    if (fd < 0) {
+        return -1;
+    }
+    struct stat st;
+    if (fstat(fd, &st) == 0 && (st.st_mode & 07777) != WIFIM_LOG_FILE_MODE) {
+        fchmod(fd, WIFIM_LOG_FILE_MODE);
+    }
+    return fd;
+}
+
 static bool wifim_shrink_log_file(const char* filename) {
     void* mem = mmap(nullptr, WIFIM_LOG_KEEP_SIZE, PROT_READ | PROT_WRITE,
                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -103,7 +121,7 @@ static bool wifim_shrink_log_file(const char* filename) {
         return true;
     }
     char* tail = static_cast<char*>(mem);
-    int fd = open(filename, O_RDONLY | O_CLOEXEC);
+    int fd = open(filename, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         munmap(mem, WIFIM_LOG_KEEP_SIZE);
         return true;
@@ -122,7 +140,7 @@ static bool wifim_shrink_log_file(const char* filename) {
     wifim_choose_kept_tail(tail, n, &keep_from, &keep_size);
 
     bool keep_line = true;
-    fd = open(filename, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    fd = wifim_open_log_file(filename, O_TRUNC);
     if (fd >= 0) {
         keep_line = wifim_lock_log_file(fd);
         if (keep_line && keep_size > 0) {
@@ -136,12 +154,12 @@ static bool wifim_shrink_log_file(const char* filename) {
 
 void wifim_append_str_to_file(const char* filename, const char* msg, long file_max_size) {
     struct stat st;
-    if (stat(filename, &st) == 0 && st.st_size >= file_max_size) {
+    if (lstat(filename, &st) == 0 && st.st_size >= file_max_size) {
         if (!wifim_shrink_log_file(filename)) {
             return;
         }
     }
-    int fd = open(filename, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    int fd = wifim_open_log_file(filename, O_APPEND);
     if (fd < 0) {
         return;
     }
@@ -180,7 +198,7 @@ void wifim_insert_log(LogLevel msg_level, const char* str, ...) {
     if (str == nullptr) {
         line[0] = '\n';
     } else {
-        time_t now = time(nullptr);
+        time_t now = static_cast<time_t>(wifim_wall_clock_ms() / 1000);
         struct tm local;
         localtime_r(&now, &local);
         size_t prefix_len =

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <stdint.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -24,6 +25,8 @@ enum LogLevel {
 #define WIFIM_LOG_KEEP_SIZE 92160
 #define WIFIM_LOG_LOCK_ATTEMPTS 10
 #define WIFIM_LOG_LOCK_RETRY_US 10000
+// Only the owner reads the log: its lines can carry the user's keys.
+#define WIFIM_LOG_FILE_MODE 0600
 
 // Process-wide state shared by the supervisor, the worker and the log.
 extern bool g_foreground_flag;
@@ -64,6 +67,17 @@ void wifim_append_str_to_file(const char* filename, const char* msg, long file_m
 
 // Sleeps whole seconds; a signal cuts the sleep short, as with sleep().
 void wifim_sleep_s(unsigned seconds);
+
+// The two clocks of the daemon. A camera without a battery-backed clock steps
+// its wall clock when it first reaches a time server, so every decision (a
+// deadline, a schedule, a time-out) is taken on the monotonic clock, which
+// only moves forward; the wall clock is read only for what people read: the
+// log's dates and the times its lines print.
+int64_t wifim_monotonic_ms();
+int64_t wifim_wall_clock_ms();
+// Moves the daemon's own wall-clock reads by delta_ms, as a step of the
+// system clock would; lets tests step the clock without owning the host's.
+void wifim_step_wall_clock(int64_t delta_ms);
 
 bool wifim_file_exist(const char* path);
 bool wifim_folder_exist(const char* path);

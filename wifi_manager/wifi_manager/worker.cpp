@@ -1,5 +1,6 @@
 // The worker: everything the daemon does, started and stopped in one order.
 #include <malloc.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <stdlib.h>
 #include <time.h>
@@ -13,6 +14,7 @@
 
 #define WIFIM_SERVICE_THREADS 5
 #define WIFIM_NO_CONTROLLER_PAUSE_S 3
+#define WIFIM_THREADS_LEAVE_MS 5000
 
 void* g_wpacli_data = nullptr;
 
@@ -42,9 +44,17 @@ void wifim_run_worker(const wifim_options* options) {
 
     commsvr_close(server);
     wpacm_close(g_wpacli_data);
+    // The request server's detached service threads leave within about a
+    // second of its close; exit handlers and static destructors must not run
+    // under them.
+    bool threads_gone = commsvr_wait_service_threads(WIFIM_THREADS_LEAVE_MS);
     close(g_ping_pipe_fd[0]);
     close(g_ping_pipe_fd[1]);
     WIFIM_MAIN_LOG(LOG_FocusWrite, "Program close");
-    // The controller is closed, so no request can reach it any more.
-    exit(0);  // NOLINT(concurrency-mt-unsafe)
+    if (!threads_gone) {
+        // One is stuck: end without the destructors, as a lost worker would.
+        fflush(nullptr);
+        _exit(0);
+    }
+    exit(0);  // NOLINT(concurrency-mt-unsafe): the worker's threads have ended
 }

@@ -60,9 +60,13 @@ struct wpacm_job_data_struct {
     JobID job_id;
     std::string wps_pin;
     wifi_ap_info ap_info;
-    int64_t request_timeout_ms;  // absolute deadline, ms since the epoch
+    int64_t request_timeout_ms;  // absolute deadline on the controller clock
     WiFi_Connection_Status result_value;
     wpacm_job_data_struct* next;
+    // Counts the jobs this slot has carried. A caller waits for the job it
+    // was given, not for whatever the slot holds later: a queue reset can
+    // drop that job and hand the slot to another before the caller looks.
+    uint32_t generation;
 };
 typedef wpacm_job_data_struct wpacm_job_data;
 
@@ -74,6 +78,15 @@ struct wpa_request {
     wpacm_job_data_struct job_array[WPACM_JOB_SLOTS];
     wpacm_job_data_struct* unused_job_list;
     wpacm_job_data_struct* in_used_job_list;
+    // The job the service loop is carrying out, which it reads and fills
+    // without the lock: a queue reset leaves that slot alone, and the slot
+    // goes back to the free list only when its result is posted.
+    wpacm_job_data_struct* running_job;
+    // Queue resets so far, and how many there had been when the running job
+    // was taken: a reset also cuts the running job short, so that the
+    // disconnect of a station being switched off runs in time.
+    std::atomic<uint32_t> reset_count;
+    uint32_t running_reset_count;
 };
 
 // ---------------------------------------------------------------------------
@@ -86,6 +99,7 @@ struct wpa_supplicant_status {
     std::string key_mgmt;
 };
 
+// Times of an entry are on the controller clock.
 struct wifi_scan_ap_info {
     wifi_ap_info ap_info;
     int64_t timeout_ms;     // hard expiry
@@ -109,10 +123,11 @@ struct registed_ap_profile {
 struct wpacli_monitor_data {
     std::string wpa_supplicant_config_file;
     std::string wlan_interface;
-    // Flags and clocks read by several threads without a lock.
+    // Flags and clocks read by several threads without a lock. The clocks
+    // are on the controller clock (wpacm_clock_ms); 0 means not scheduled.
     std::atomic<bool> stop_service;
     std::atomic<bool> enable_feature;
-    std::atomic<time_t> next_touch_watch_dog;
+    std::atomic<time_t> next_touch_watch_dog;  // seconds of the monotonic clock
     std::atomic<int64_t> next_scan_clock;
     std::atomic<int64_t> next_connect_clock;
     std::atomic<int> continue_scan_request;
@@ -154,6 +169,9 @@ void wpacm_close(void* monitor_data);
 bool wpacm_get_enable(void* monitor_data);
 std::string wpacm_get_wlan_interface(void* monitor_data);
 bool wpacm_send_wpa_request(struct wpa_ctrl* ctrl, const char* command);
+// The same; *no_reply tells a command that got no reply at all (the
+// connection or wpa_supplicant is gone) from one that was refused.
+bool wpacm_send_wpa_command(struct wpa_ctrl* ctrl, const char* command, bool* no_reply);
 void wpacm_clear_all_event(struct wpa_ctrl* ctrl);
 int touch_file(const char* path);
 
@@ -193,7 +211,17 @@ std::string wpacm_replace_string(const std::string& text, const std::string& fro
 bool wpacm_is_same_security(WiFi_Security a, WiFi_Security b);
 const wpa_cli_security* wpacm_find_wpa_security(WiFi_Security value);
 
+// Wall-clock milliseconds since the epoch: what log lines print.
 int64_t get_now_time_ms();
+// The controller clock: milliseconds of the monotonic clock, never 0 (a
+// monotonic clock can be small just after boot, and a scheduled clock of 0
+// would read as not scheduled). Every deadline and schedule is on it.
+int64_t wpacm_clock_ms();
+// A controller-clock time as wall-clock milliseconds, for the log; 0 (not
+// scheduled) stays 0.
+int64_t wpacm_wall_ms(int64_t clock_ms);
+// Seconds of the monotonic clock, for the ping schedule.
+time_t wpacm_clock_s();
 
 void clear_wpa_supplicant_status(wpa_supplicant_status* status);
 void copy_wpa_supplicant_status(wpa_supplicant_status* dst, const wpa_supplicant_status* src);
@@ -202,16 +230,31 @@ void copy_wpa_supplicant_status(wpa_supplicant_status* dst, const wpa_supplicant
 // Job queue
 
 void clear_wpacm_job_data(wpacm_job_data_struct* slot);
-// Links the 15 slots into the free list with indexes 1..15 (start-up, and
-// the queue reset when the station is switched on or off).
+// Sets up the queue at start-up: the 15 slots on the free list with indexes
+// 1..15, the job condition on the monotonic clock.
+void wpacm_init_job_queue(wpa_request* request);
+// The queue reset when the station is switched on or off (job_mutex held):
+// pending jobs are dropped and their slots freed, with indexes 1..15; the
+// running job's slot is left to the service loop.
 void wpacm_reset_job_queue(wpa_request* request);
+// The generation a caller passes to wpacm_wait_job to wait for whatever job
+// the slot holds now (tests that look at a slot directly).
+#define WPACM_ANY_GENERATION 0
+// Queues a job; *generation (when given) tells wpacm_wait_job which job of
+// the slot to wait for.
 wpacm_job_data_struct* wpacm_new_job(void* monitor_data, JobID job_id, const wifi_ap_info* ap_info,
                                      const std::string& wps_pin, int timeout_ms,
-                                     bool heigh_priority);
+                                     bool heigh_priority, uint32_t* generation = nullptr);
 // Waits on job_condition (job_mutex held) until the start of the next second.
 void wpacm_wait_job_condition(wpa_request* request);
+// Waits for the job of the given generation. A job dropped by a queue reset
+// gives UNKNOW, even when its slot already carries another job.
 WiFi_Connection_Status wpacm_wait_job(void* monitor_data, wpacm_job_data_struct* job_data,
-                                      wifi_ap_info* ap_info_data);
+                                      wifi_ap_info* ap_info_data,
+                                      uint32_t generation = WPACM_ANY_GENERATION);
+// The service loop takes the head of the queue to carry it out (job_mutex
+// held); null when the queue is empty.
+wpacm_job_data_struct* wpacm_take_job(wpa_request* request);
 void wpacm_update_job_result(void* monitor_data, wpacm_job_data_struct* job_data,
                              WiFi_Connection_Status result);
 void wpacm_touch_watchdog(void* monitor_data, int watchdog_count,
@@ -294,7 +337,8 @@ std::string wpacm_get_wps_pin(void* monitor_data);
 WiFi_Connection_Status wpacm_wait_job_outcome(wpacli_monitor_data* data, wpacm_job_data_struct* job,
                                               struct wpa_ctrl* event_ctrl,
                                               bool (*ends)(WiFi_Connection_Status));
-// A normal-priority job gives way as soon as a high-priority one is queued.
+// A normal-priority job gives way as soon as a high-priority one is queued;
+// any job gives way to a queue reset (the station switched on or off).
 bool wpacm_job_preempted(wpacli_monitor_data* data, const wpacm_job_data_struct* job);
 // Pings the supervisor when the last ping is two seconds old.
 void wpacm_ping_if_due(wpacli_monitor_data* data);

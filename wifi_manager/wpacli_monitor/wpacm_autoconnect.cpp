@@ -69,7 +69,7 @@ int wpacm_choose_profile(wpacm_loop_state* loop) {
 void wpacm_auto_connect(wpacm_loop_state* loop) {
     wpacli_monitor_data* data = loop->data;
     int result = wpacm_choose_profile(loop);
-    int64_t now = get_now_time_ms();
+    int64_t now = wpacm_clock_ms();
     if (result != 0 || loop->candidate.ssid.empty()) {
         WPACM_LOG(LOG_Warn, "No any available WiFi profile, lsat bssid:%s, ret:%d",
                   loop->last_bssid.c_str(), result);

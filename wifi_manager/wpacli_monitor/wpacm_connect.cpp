@@ -30,11 +30,15 @@ static std::string wpacm_find_bssid(wpacli_monitor_data* data, const wifi_ap_inf
 }
 
 bool wpacm_job_preempted(wpacli_monitor_data* data, const wpacm_job_data_struct* job) {
+    // The reset count only grows, and running_reset_count is the loop's own.
+    if (data->request.reset_count != data->request.running_reset_count) {
+        return true;
+    }
     return !job->high_priority && data->request.heigh_priority_request;
 }
 
 void wpacm_ping_if_due(wpacli_monitor_data* data) {
-    if (time(nullptr) >= data->next_touch_watch_dog) {
+    if (wpacm_clock_s() >= data->next_touch_watch_dog) {
         wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     }
 }
@@ -44,7 +48,7 @@ WiFi_Connection_Status wpacm_wait_job_outcome(wpacli_monitor_data* data, wpacm_j
                                               bool (*ends)(WiFi_Connection_Status)) {
     WiFi_Connection_Status result = WIFI_CONNECT_STATUS_UNKNOW;
     while (true) {
-        if (g_program_exist || data->stop_service || job->request_timeout_ms < get_now_time_ms() ||
+        if (g_program_exist || data->stop_service || job->request_timeout_ms < wpacm_clock_ms() ||
             wpacm_job_preempted(data, job)) {
             return result == WIFI_CONNECT_STATUS_UNKNOW ? WIFI_CONNECT_STATUS_EXPIRE : result;
         }

@@ -76,7 +76,7 @@ wpacm_event_kind wpacm_classify_event(const char* text) {
 
 // Clocks that schedule work avoid 0, which means "not scheduled".
 static int64_t wpacm_schedule_in(int64_t delay_ms) {
-    int64_t when = get_now_time_ms() + delay_ms;
+    int64_t when = wpacm_clock_ms() + delay_ms;
     return when == 0 ? 1 : when;
 }
 

@@ -8,14 +8,12 @@ static const char* wpacm_priority_word(bool high) {
     return high ? "hight" : "normal";
 }
 
-// Waits on the job condition until the start of the next second, so that a
-// missed wake-up costs at most about a second.
+// Waits on the job condition until the start of the next second of the
+// monotonic clock, so that a missed wake-up costs at most about a second and
+// a step of the wall clock neither stretches nor shortens the wait.
 void wpacm_wait_job_condition(wpa_request* request) {
-    // The deadline comes from the clock the wait itself uses: time() reads a
-    // coarser clock that can lag a few milliseconds behind, which made every
-    // wait in the first moments of a second end at once, over and over.
     struct timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
     struct timespec deadline = {now.tv_sec + 1, 0};
     pthread_cond_timedwait(&request->job_condition, &request->job_mutex, &deadline);
 }
@@ -29,17 +27,48 @@ void clear_wpacm_job_data(wpacm_job_data_struct* slot) {
     clear_wifi_ap_info(&slot->ap_info);
 }
 
+// A new generation for a slot; 0 is kept for callers that wait for any.
+static void wpacm_next_generation(wpacm_job_data_struct* slot) {
+    slot->generation++;
+    if (slot->generation == WPACM_ANY_GENERATION) {
+        slot->generation++;
+    }
+}
+
+void wpacm_init_job_queue(wpa_request* request) {
+    pthread_mutex_init(&request->job_mutex, nullptr);
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&request->job_condition, &attr);
+    pthread_condattr_destroy(&attr);
+    for (wpacm_job_data_struct& slot : request->job_array) {
+        slot.generation = 0;
+    }
+    request->running_job = nullptr;
+    request->reset_count = 0;
+    request->running_reset_count = 0;
+    wpacm_reset_job_queue(request);
+}
+
 void wpacm_reset_job_queue(wpa_request* request) {
+    wpacm_job_data_struct** free_tail = &request->unused_job_list;
     for (int i = 0; i < WPACM_JOB_SLOTS; i++) {
         wpacm_job_data_struct* slot = &request->job_array[i];
+        if (slot == request->running_job) {
+            continue;
+        }
         clear_wpacm_job_data(slot);
+        wpacm_next_generation(slot);
         slot->request_timeout_ms = 0;
         slot->job_index = static_cast<uint32_t>(i + 1);
-        slot->next = (i + 1 < WPACM_JOB_SLOTS) ? &request->job_array[i + 1] : nullptr;
+        *free_tail = slot;
+        free_tail = &slot->next;
     }
-    request->unused_job_list = &request->job_array[0];
+    *free_tail = nullptr;
     request->in_used_job_list = nullptr;
     request->heigh_priority_request = false;
+    request->reset_count++;
 }
 
 // High-priority jobs go before the first normal one, except that the last
@@ -77,7 +106,7 @@ static void wpacm_insert_in_use(wpa_request* request, wpacm_job_data_struct* slo
 
 wpacm_job_data_struct* wpacm_new_job(void* monitor_data, JobID job_id, const wifi_ap_info* ap_info,
                                      const std::string& wps_pin, int timeout_ms,
-                                     bool heigh_priority) {
+                                     bool heigh_priority, uint32_t* generation) {
     wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
     if (data == nullptr) {
         return nullptr;
@@ -94,13 +123,17 @@ wpacm_job_data_struct* wpacm_new_job(void* monitor_data, JobID job_id, const wif
     wpacm_job_data_struct* slot = request->unused_job_list;
     request->unused_job_list = slot->next;
     clear_wpacm_job_data(slot);
+    wpacm_next_generation(slot);
+    if (generation != nullptr) {
+        *generation = slot->generation;
+    }
     if (ap_info != nullptr) {
         slot->ap_info = *ap_info;
     }
     slot->high_priority = heigh_priority;
     slot->wps_pin = wps_pin;
     slot->job_id = job_id;
-    slot->request_timeout_ms = get_now_time_ms() + timeout_ms;
+    slot->request_timeout_ms = wpacm_clock_ms() + timeout_ms;
     slot->result_value = WIFI_CONNECT_STATUS_UNKNOW;
     slot->in_used_flag = true;
     wpacm_insert_in_use(request, slot);
@@ -111,7 +144,7 @@ wpacm_job_data_struct* wpacm_new_job(void* monitor_data, JobID job_id, const wif
 }
 
 WiFi_Connection_Status wpacm_wait_job(void* monitor_data, wpacm_job_data_struct* job_data,
-                                      wifi_ap_info* ap_info_data) {
+                                      wifi_ap_info* ap_info_data, uint32_t generation) {
     wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
     if (data == nullptr || job_data == nullptr) {
         return WIFI_CONNECT_STATUS_UNKNOW;
@@ -121,12 +154,21 @@ WiFi_Connection_Status wpacm_wait_job(void* monitor_data, wpacm_job_data_struct*
         WPACM_FATAL_LOCK_FAILURE();
         return WIFI_CONNECT_STATUS_UNKNOW;
     }
-    while (job_data->in_used_flag && !g_program_exist && !data->stop_service) {
+    if (generation == WPACM_ANY_GENERATION) {
+        generation = job_data->generation;
+    }
+    while (job_data->generation == generation && job_data->in_used_flag && !g_program_exist &&
+           !data->stop_service) {
         wpacm_wait_job_condition(request);
     }
-    WiFi_Connection_Status result = job_data->result_value;
-    if (ap_info_data != nullptr) {
-        *ap_info_data = job_data->ap_info;
+    // A job dropped by a queue reset has no result of its own, whatever the
+    // slot holds by now.
+    WiFi_Connection_Status result = WIFI_CONNECT_STATUS_UNKNOW;
+    if (job_data->generation == generation) {
+        result = job_data->result_value;
+        if (ap_info_data != nullptr) {
+            *ap_info_data = job_data->ap_info;
+        }
     }
     pthread_mutex_unlock(&request->job_mutex);
     return result;
@@ -155,6 +197,13 @@ static void wpacm_append_unused(wpa_request* request, wpacm_job_data_struct* slo
     *link = slot;
 }
 
+wpacm_job_data_struct* wpacm_take_job(wpa_request* request) {
+    wpacm_job_data_struct* job = request->in_used_job_list;
+    request->running_job = job;
+    request->running_reset_count = request->reset_count;
+    return job;
+}
+
 void wpacm_update_job_result(void* monitor_data, wpacm_job_data_struct* job_data,
                              WiFi_Connection_Status result) {
     wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
@@ -168,12 +217,15 @@ void wpacm_update_job_result(void* monitor_data, wpacm_job_data_struct* job_data
     }
     job_data->result_value = result;
     job_data->in_used_flag = false;
+    if (request->running_job == job_data) {
+        request->running_job = nullptr;
+    }
     wpacm_unlink_in_use(request, job_data->job_index);
     wpacm_append_unused(request, job_data);
     WPACM_LOG(LOG_Info,
               "updated result, index:%d, priority:%s, Job ID:%d, result:%d, time out:%lld/%lld",
               job_data->job_index, wpacm_priority_word(job_data->high_priority), job_data->job_id,
-              result, static_cast<long long>(job_data->request_timeout_ms),
+              result, static_cast<long long>(wpacm_wall_ms(job_data->request_timeout_ms)),
               static_cast<long long>(get_now_time_ms()));
     pthread_cond_broadcast(&request->job_condition);
     pthread_mutex_unlock(&request->job_mutex);
@@ -184,6 +236,6 @@ void wpacm_touch_watchdog(void* monitor_data, int watchdog_count, int next_resen
     ssize_t ignored = write(g_ping_pipe_fd[1], &watchdog_count, sizeof(watchdog_count));
     (void)ignored;
     if (data != nullptr) {
-        data->next_touch_watch_dog = time(nullptr) + next_resend_time;
+        data->next_touch_watch_dog = wpacm_clock_s() + next_resend_time;
     }
 }

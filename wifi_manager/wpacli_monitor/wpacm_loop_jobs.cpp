@@ -19,7 +19,7 @@ static bool wpacm_wait_for_event(wpacm_loop_state* loop, wpacm_job_data_struct* 
                                  WiFi_Connection_Status wanted) {
     wpacli_monitor_data* data = loop->data;
     while (true) {
-        if (g_program_exist || data->stop_service || get_now_time_ms() > job->request_timeout_ms ||
+        if (g_program_exist || data->stop_service || wpacm_clock_ms() > job->request_timeout_ms ||
             wpacm_job_preempted(data, job)) {
             return false;
         }
@@ -32,7 +32,7 @@ static bool wpacm_wait_for_event(wpacm_loop_state* loop, wpacm_job_data_struct* 
 
 // After each scan: scan again soon while scan requests last, then slowly.
 static void wpacm_schedule_next_scan(wpacli_monitor_data* data) {
-    int64_t now = get_now_time_ms();
+    int64_t now = wpacm_clock_ms();
     if (data->continue_scan_request < 1) {
         data->next_scan_clock = now + WPACM_SLOW_SCAN_INTERVAL_MS;
     } else {
@@ -45,11 +45,16 @@ WiFi_Connection_Status wpacm_run_scan_job(wpacm_loop_state* loop, wpacm_job_data
                                           bool* keep_connection) {
     wpacli_monitor_data* data = loop->data;
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
-    if (!wpacm_send_wpa_request(loop->command_ctrl, "SCAN")) {
+    bool no_reply = false;
+    if (!wpacm_send_wpa_command(loop->command_ctrl, "SCAN", &no_reply)) {
         WPACM_LOG(LOG_Info, "send SCAN command fail, scan late, priority:%s",
                   wpacm_priority_word(job));
-        data->next_scan_clock = get_now_time_ms() + WPACM_SCAN_RETRY_MS;
-        *keep_connection = true;
+        data->next_scan_clock = wpacm_clock_ms() + WPACM_SCAN_RETRY_MS;
+        // A refused scan is tried again on the same connection. One that got
+        // no reply at all may have lost wpa_supplicant with it: the next job
+        // opens a fresh connection, which fails, and ends the worker, if
+        // wpa_supplicant is gone.
+        *keep_connection = !no_reply;
         return WIFI_CONNECT_STATUS_COMMAND_FAIL;
     }
     if (!wpacm_wait_for_event(loop, job, WIFI_CONNECT_STATUS_SCANNED)) {
@@ -60,7 +65,7 @@ WiFi_Connection_Status wpacm_run_scan_job(wpacm_loop_state* loop, wpacm_job_data
     wpacm_schedule_next_scan(data);
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     wpacm_get_last_status(data, &loop->last_status);
-    int64_t now = get_now_time_ms();
+    int64_t now = wpacm_clock_ms();
     if (loop->last_status.wpa_state != "COMPLETED") {
         if (data->next_connect_clock != 0 && now >= data->next_connect_clock &&
             loop->force_scan_count == 0) {
@@ -77,15 +82,15 @@ WiFi_Connection_Status wpacm_run_scan_job(wpacm_loop_state* loop, wpacm_job_data
     WPACM_LOG(LOG_Debug,
               "Scan success, force_scan_count:%d, next scan clock:%lld, next connect clock:%lld, "
               "now:%lld, scan request count:%d",
-              loop->force_scan_count, static_cast<long long>(data->next_scan_clock),
-              static_cast<long long>(data->next_connect_clock),
+              loop->force_scan_count, static_cast<long long>(wpacm_wall_ms(data->next_scan_clock)),
+              static_cast<long long>(wpacm_wall_ms(data->next_connect_clock)),
               static_cast<long long>(get_now_time_ms()), data->continue_scan_request.load());
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     return WIFI_CONNECT_STATUS_SUCCESS;
 }
 
 static void wpacm_reschedule_after_disconnect(wpacli_monitor_data* data) {
-    int64_t when = get_now_time_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS;
+    int64_t when = wpacm_clock_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS;
     data->next_connect_clock = when;
     data->next_scan_clock = when;
 }

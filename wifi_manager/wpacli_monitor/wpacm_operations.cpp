@@ -20,7 +20,7 @@ static int64_t wpacm_not_zero(int64_t when) {
 }
 
 static void wpacm_back_off(wpacli_monitor_data* data) {
-    int64_t when = get_now_time_ms() + WPACM_BACKOFF_AFTER_REQUEST_MS;
+    int64_t when = wpacm_clock_ms() + WPACM_BACKOFF_AFTER_REQUEST_MS;
     data->next_connect_clock = when;
     data->next_scan_clock = when;
 }
@@ -56,16 +56,22 @@ void wpacm_set_enable(void* monitor_data, bool enable) {
     }
     if (enable) {
         data->continue_scan_request = 1;
-        int64_t when = wpacm_not_zero(get_now_time_ms() + WPACM_ENABLE_DELAY_MS);
+        int64_t when = wpacm_not_zero(wpacm_clock_ms() + WPACM_ENABLE_DELAY_MS);
         data->next_connect_clock = when;
         data->next_scan_clock = when;
     } else {
-        wpacm_job_data_struct* job =
-            wpacm_new_job(data, JobID_Disconnect, nullptr, "", WPACM_DISABLE_TIMEOUT_MS, true);
-        wpacm_wait_job(data, job, nullptr);
+        uint32_t generation = 0;
+        wpacm_job_data_struct* job = wpacm_new_job(data, JobID_Disconnect, nullptr, "",
+                                                   WPACM_DISABLE_TIMEOUT_MS, true, &generation);
+        wpacm_wait_job(data, job, nullptr, generation);
     }
     data->enable_feature = enable;
-    wpacm_save_profiles(data);
+    // The list is read under its mutex like everywhere else, so that the
+    // file never gets a list another request is changing.
+    if (wpacm_lock_profiles(data)) {
+        wpacm_save_profiles(data);
+        wpacm_unlock_profiles(data);
+    }
 }
 
 int wpacm_connect_to_ap(void* monitor_data, wifi_ap_info* ap_info_data) {
@@ -74,12 +80,13 @@ int wpacm_connect_to_ap(void* monitor_data, wifi_ap_info* ap_info_data) {
     if (data == nullptr || !call.entered) {
         return WIFI_CONNECT_STATUS_UNKNOW;
     }
-    wpacm_job_data_struct* job =
-        wpacm_new_job(data, JobID_ConnectAP, ap_info_data, "", WPACM_CONNECT_TIMEOUT_MS, true);
+    uint32_t generation = 0;
+    wpacm_job_data_struct* job = wpacm_new_job(data, JobID_ConnectAP, ap_info_data, "",
+                                               WPACM_CONNECT_TIMEOUT_MS, true, &generation);
     if (job == nullptr) {
         return WIFI_CONNECT_STATUS_UNKNOW;
     }
-    WiFi_Connection_Status result = wpacm_wait_job(data, job, nullptr);
+    WiFi_Connection_Status result = wpacm_wait_job(data, job, nullptr, generation);
     if (result != WIFI_CONNECT_STATUS_WPS_SUCCESS && result != WIFI_CONNECT_STATUS_SUCCESS) {
         wpacm_back_off(data);
     }
@@ -94,9 +101,10 @@ bool wpacm_get_connected_ssid(void* monitor_data, std::string& ssid, std::string
     if (data == nullptr || !call.entered) {
         return false;
     }
-    wpacm_job_data_struct* job =
-        wpacm_new_job(data, JobID_GetStatus, nullptr, "", WPACM_STATUS_TIMEOUT_MS, true);
-    wpacm_wait_job(data, job, nullptr);
+    uint32_t generation = 0;
+    wpacm_job_data_struct* job = wpacm_new_job(data, JobID_GetStatus, nullptr, "",
+                                               WPACM_STATUS_TIMEOUT_MS, true, &generation);
+    wpacm_wait_job(data, job, nullptr, generation);
     wpa_supplicant_status status;
     wpacm_get_last_status(data, &status);
     if (status.ssid.empty() || status.wpa_state != "COMPLETED") {
@@ -136,12 +144,13 @@ bool wpacm_disconnect(void* monitor_data) {
     if (ssid.empty()) {
         return false;
     }
-    wpacm_job_data_struct* job =
-        wpacm_new_job(data, JobID_Disconnect, nullptr, "", WPACM_DISCONNECT_TIMEOUT_MS, true);
+    uint32_t generation = 0;
+    wpacm_job_data_struct* job = wpacm_new_job(data, JobID_Disconnect, nullptr, "",
+                                               WPACM_DISCONNECT_TIMEOUT_MS, true, &generation);
     if (job == nullptr) {
         return false;
     }
-    WiFi_Connection_Status result = wpacm_wait_job(data, job, nullptr);
+    WiFi_Connection_Status result = wpacm_wait_job(data, job, nullptr, generation);
     if (!wpacm_lock_profiles(data)) {
         return false;
     }
@@ -161,12 +170,13 @@ int wpacm_wps(void* monitor_data, const std::string& pin_data, wifi_ap_info* ap_
         clear_wifi_ap_info(ap_info_data);
     }
     JobID kind = pin_data.empty() ? JobID_WPS_PBC : JobID_WPS_PIN;
+    uint32_t generation = 0;
     wpacm_job_data_struct* job =
-        wpacm_new_job(data, kind, nullptr, pin_data, WPACM_WPS_TIMEOUT_MS, true);
+        wpacm_new_job(data, kind, nullptr, pin_data, WPACM_WPS_TIMEOUT_MS, true, &generation);
     if (job == nullptr) {
         return WIFI_CONNECT_STATUS_UNKNOW;
     }
-    WiFi_Connection_Status result = wpacm_wait_job(data, job, ap_info_data);
+    WiFi_Connection_Status result = wpacm_wait_job(data, job, ap_info_data, generation);
     if (result != WIFI_CONNECT_STATUS_WPS_SUCCESS && result != WIFI_CONNECT_STATUS_SUCCESS) {
         wpacm_back_off(data);
     }
@@ -250,6 +260,7 @@ void wpacm_update_wifi_profile(void* monitor_data, wifi_ap_info* ap_info_data, b
     bool found = wpacm_merge_profile(list, *ap_info_data);
     if (!found && !append_flag) {
         // Nothing to record: undo the room made above from the file.
+        // (The read holds the profile file's lock, taken after ours.)
         bool enable = data->enable_feature;
         wapinfo_read_profile(&enable, &list, nullptr);
         wpacm_reorder_and_trim(data);
@@ -275,7 +286,7 @@ bool wpacm_get_wifi_ap_list(void* monitor_data, std::vector<wifi_ap_info>& ap_in
         WPACM_FATAL_LOCK_FAILURE();
         return false;
     }
-    int64_t now = get_now_time_ms();
+    int64_t now = wpacm_clock_ms();
     for (const auto& item : data->scan_result.scan_result_list) {
         const wifi_scan_ap_info& entry = item.second;
         bool stale = entry.not_in_range_count > 1 && now > entry.mini_alive_ms;

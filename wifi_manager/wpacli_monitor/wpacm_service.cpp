@@ -78,18 +78,18 @@ static bool wpacm_service_start(wpacm_loop_state* loop) {
     } else {
         unlink(WIFIM_CONNECTED_MARKER_FILE);
         wpacm_clear_all_wpa_network_setting(loop->command_ctrl);
-        int64_t when = get_now_time_ms() + WPACM_FIRST_CONNECT_DELAY_MS;
+        int64_t when = wpacm_clock_ms() + WPACM_FIRST_CONNECT_DELAY_MS;
         data->next_connect_clock = when == 0 ? 1 : when;
     }
     wpacm_close_command_connection(loop);
-    data->next_scan_clock = get_now_time_ms();
+    data->next_scan_clock = wpacm_clock_ms();
     loop->force_scan_count = WPACM_FORCED_SCANS;
     loop->no_profile_count = 0;
     return true;
 }
 
 static bool wpacm_scan_due(wpacli_monitor_data* data) {
-    return data->next_scan_clock != 0 && get_now_time_ms() >= data->next_scan_clock;
+    return data->next_scan_clock != 0 && wpacm_clock_ms() >= data->next_scan_clock;
 }
 
 // Waits in one-second steps until there is a job, an event or a scan due.
@@ -104,7 +104,7 @@ static bool wpacm_idle_wait(wpacm_loop_state* loop, wpacm_job_data_struct** job)
     }
     *job = nullptr;
     while (!data->stop_service) {
-        *job = request->in_used_job_list;
+        *job = wpacm_take_job(request);
         if (*job != nullptr || g_program_exist || wpa_ctrl_pending(loop->event_ctrl) > 0 ||
             wpacm_scan_due(data)) {
             break;
@@ -128,7 +128,7 @@ static bool wpacm_idle_pass(wpacm_loop_state* loop) {
     }
     if (loop->force_scan_count > 0 || wpacm_scan_due(data)) {
         wpacm_new_job(data, JobID_Scan, nullptr, "", WPACM_SCAN_JOB_TIMEOUT_MS, false);
-        data->next_scan_clock = get_now_time_ms() + WPACM_SCAN_INTERVAL_MS;
+        data->next_scan_clock = wpacm_clock_ms() + WPACM_SCAN_INTERVAL_MS;
         if (loop->force_scan_count > 0) {
             loop->force_scan_count--;
         }
@@ -187,7 +187,7 @@ static WiFi_Connection_Status wpacm_run_status_job(wpacm_loop_state* loop) {
 // false when the loop is to end.
 static bool wpacm_run_job(wpacm_loop_state* loop, wpacm_job_data_struct* job) {
     wpacli_monitor_data* data = loop->data;
-    int64_t now = get_now_time_ms();
+    int64_t now = wpacm_clock_ms();
     if (now > job->request_timeout_ms) {
         wpacm_update_job_result(data, job, WIFI_CONNECT_STATUS_EXPIRE);
         return true;
@@ -196,10 +196,10 @@ static bool wpacm_run_job(wpacm_loop_state* loop, wpacm_job_data_struct* job) {
               "Got job, index:%d, priority:%s, Job ID:%d, time out:%lld, next scan clock:%lld, "
               "next connect clock:%lld, now:%lld, scan request count:%d",
               job->job_index, wpacm_priority_word(job), job->job_id,
-              static_cast<long long>(job->request_timeout_ms),
-              static_cast<long long>(data->next_scan_clock),
-              static_cast<long long>(data->next_connect_clock), static_cast<long long>(now),
-              data->continue_scan_request.load());
+              static_cast<long long>(wpacm_wall_ms(job->request_timeout_ms)),
+              static_cast<long long>(wpacm_wall_ms(data->next_scan_clock)),
+              static_cast<long long>(wpacm_wall_ms(data->next_connect_clock)),
+              static_cast<long long>(wpacm_wall_ms(now)), data->continue_scan_request.load());
     if (job->job_id != JobID_Nothing && !wpacm_open_command_connection(loop)) {
         return false;
     }

@@ -1,5 +1,6 @@
 // Controller start-up and shut-down, and the one rule by which commands are
 // sent to wpa_supplicant.
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -19,9 +20,16 @@
 #define WPACM_INITIAL_SCAN_REQUESTS 3
 
 #define WPACM_CLOSE_WAIT_MS 10000
+// The marker says only that the station is connected; scripts of any user
+// may look at it.
+#define WPACM_MARKER_FILE_MODE 0666
 
+// The signal goes to the calling thread itself, which is at a known point
+// (no lock of its own held, not inside the allocator); sent to the process,
+// it could land on another thread in the middle of a malloc, and the
+// handler's log line could then hang the worker instead of ending it.
 void wpacm_raise_fatal_signal() {
-    kill(getpid(), SIGILL);
+    pthread_kill(pthread_self(), SIGILL);
 }
 
 // Operations in progress on request threads, and whether the controller is
@@ -93,14 +101,12 @@ void* wpacm_init(const std::string& wpa_supplicant_config_file, const std::strin
     }
     wpacli_monitor_data* data = new wpacli_monitor_data();
     g_wpacm_closing = false;
-    wpacm_reset_job_queue(&data->request);
+    wpacm_init_job_queue(&data->request);
     data->wpa_supplicant_config_file = wpa_supplicant_config_file;
     data->wlan_interface = wlan_interface;
     data->stop_service = false;
     pthread_mutex_init(&data->scan_result.scan_result_mutex, nullptr);
-    pthread_mutex_init(&data->request.job_mutex, nullptr);
     pthread_mutex_init(&data->registed_ap_info.registed_ap_mutex, nullptr);
-    pthread_cond_init(&data->request.job_condition, nullptr);
 
     data->wpa_socket_file =
         wpacm_read_ctrl_interface(wpa_supplicant_config_file) + "/" + wlan_interface;
@@ -108,7 +114,7 @@ void* wpacm_init(const std::string& wpa_supplicant_config_file, const std::strin
     data->scan_result.scan_result_list.clear();
     data->continue_scan_request = WPACM_INITIAL_SCAN_REQUESTS;
     data->max_bound_wifiap_info = max_bound_wifiap_info;
-    data->next_touch_watch_dog = time(nullptr);
+    data->next_touch_watch_dog = wpacm_clock_s();
     data->next_scan_clock = 0;
     data->next_connect_clock = 0;
     wpacm_load_registered_profiles(data);
@@ -172,7 +178,13 @@ static int wpacm_retry_wait_ms(int attempt) {
 }
 
 bool wpacm_send_wpa_request(struct wpa_ctrl* ctrl, const char* command) {
+    bool no_reply = false;
+    return wpacm_send_wpa_command(ctrl, command, &no_reply);
+}
+
+bool wpacm_send_wpa_command(struct wpa_ctrl* ctrl, const char* command, bool* no_reply) {
     char reply[WPACM_SHORT_REPLY_SIZE];
+    *no_reply = false;
     for (int attempt = 1; attempt <= WPACM_REQUEST_ATTEMPTS; attempt++) {
         memset(reply, 0, sizeof(reply));
         size_t reply_len = sizeof(reply);
@@ -182,6 +194,7 @@ bool wpacm_send_wpa_request(struct wpa_ctrl* ctrl, const char* command) {
         wpacm_sleep_ms(wpacm_retry_wait_ms(attempt));
     }
     WPACM_LOG(LOG_Error, "Request fail, command:%s,result:%s", command, reply);
+    *no_reply = true;
     return false;
 }
 
@@ -203,15 +216,18 @@ void wpacm_clear_all_event(struct wpa_ctrl* ctrl) {
     }
 }
 
+// The marker lives at a fixed name in world-writable /tmp: anything already
+// there, a planted symbolic link too, counts as the marker and is never
+// opened, and the create itself refuses to follow a link.
 int touch_file(const char* path) {
     struct stat st;
-    if (stat(path, &st) == 0) {
+    if (lstat(path, &st) == 0) {
         return 0;
     }
-    FILE* fp = fopen(path, "w");
-    if (fp == nullptr) {
+    int fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, WPACM_MARKER_FILE_MODE);
+    if (fd < 0) {
         return -1;
     }
-    fclose(fp);
+    close(fd);
     return 0;
 }

@@ -30,7 +30,7 @@ bool wpacm_update_status(struct wpa_ctrl* ctrl, void* monitor_data) {
     bool connected = wpacm_parse_status(reply, &status);
     if (!connected && data->next_connect_clock == 0) {
         // A station that lost its link is looked after again soon.
-        int64_t when = get_now_time_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS;
+        int64_t when = wpacm_clock_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS;
         data->next_scan_clock = when;
         data->next_connect_clock = when;
     }
@@ -87,10 +87,10 @@ bool wpacm_update_scan_result(void* monitor_data, struct wpa_ctrl* ctrl) {
             // its pings stop, and the supervisor restarts the worker.
             return false;
         }
-        wpacm_merge_scan_results(&scan->scan_result_list, reply, get_now_time_ms());
+        wpacm_merge_scan_results(&scan->scan_result_list, reply, wpacm_clock_ms());
         result = true;
     }
-    wpacm_age_scan_list(&scan->scan_result_list, get_now_time_ms());
+    wpacm_age_scan_list(&scan->scan_result_list, wpacm_clock_ms());
     pthread_mutex_unlock(&scan->scan_result_mutex);
     return result;
 }

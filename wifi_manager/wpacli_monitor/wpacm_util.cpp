@@ -1,7 +1,5 @@
 // Small helpers shared by the controller's parsers and procedures, and the
 // table that maps wpa_supplicant's key management words to security kinds.
-#include <sys/time.h>
-
 #include "wpacli_monitor.h"
 
 // Order matters: lookups by value take the first matching row, and the scan
@@ -36,9 +34,23 @@ const wpa_cli_security* wpacm_find_wpa_security(WiFi_Security value) {
 }
 
 int64_t get_now_time_ms() {
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000;
+    return wifim_wall_clock_ms();
+}
+
+int64_t wpacm_clock_ms() {
+    // One millisecond ahead of the monotonic clock, so never 0.
+    return wifim_monotonic_ms() + 1;
+}
+
+int64_t wpacm_wall_ms(int64_t clock_ms) {
+    if (clock_ms == 0) {
+        return 0;
+    }
+    return clock_ms + (get_now_time_ms() - wpacm_clock_ms());
+}
+
+time_t wpacm_clock_s() {
+    return static_cast<time_t>(wifim_monotonic_ms() / 1000);
 }
 
 void clear_wpa_supplicant_status(wpa_supplicant_status* status) {
