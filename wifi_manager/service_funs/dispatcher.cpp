@@ -2,7 +2,6 @@
 #include <stdint.h>
 #include <string.h>
 #include <sys/time.h>
-#include <time.h>
 
 #include "service_funs.h"
 #include "socket_communication/socket_communication.h"
@@ -52,10 +51,10 @@ void service_call_back_function(int socket, char* data, int data_size, void* mon
     if (data == nullptr || data_size == 0) {
         return;
     }
-    // The time used is measured on the monotonic clock, which a step of
-    // the wall clock does not disturb.
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
+    // The time used is a value the log prints, so it stays wall-clock time,
+    // in the narrow arithmetic log readers know; no decision depends on it.
+    struct timeval start;
+    gettimeofday(&start, nullptr);
 
     CSimpleIniA request(true, false, true);
     request.LoadData(data, static_cast<size_t>(data_size));
@@ -64,10 +63,9 @@ void service_call_back_function(int socket, char* data, int data_size, void* mon
     std::string answer = service_dispatch(request, function_name, monitor_data);
     commsvr_send_response(socket, answer.c_str(), static_cast<int>(answer.size()));
 
-    struct timespec end;
-    clock_gettime(CLOCK_MONOTONIC, &end);
-    long long elapsed =
-        service_elapsed_ms(start.tv_sec, start.tv_nsec / 1000, end.tv_sec, end.tv_nsec / 1000);
+    struct timeval end;
+    gettimeofday(&end, nullptr);
+    long long elapsed = service_elapsed_ms(start.tv_sec, start.tv_usec, end.tv_sec, end.tv_usec);
     // The request is logged up to its first NUL, and never past what was received.
     std::string request_text(data, strnlen(data, static_cast<size_t>(data_size)));
     SERVICE_LOG(LOG_Info,

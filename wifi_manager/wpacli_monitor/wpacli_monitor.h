@@ -169,9 +169,6 @@ void wpacm_close(void* monitor_data);
 bool wpacm_get_enable(void* monitor_data);
 std::string wpacm_get_wlan_interface(void* monitor_data);
 bool wpacm_send_wpa_request(struct wpa_ctrl* ctrl, const char* command);
-// The same; *no_reply tells a command that got no reply at all (the
-// connection or wpa_supplicant is gone) from one that was refused.
-bool wpacm_send_wpa_command(struct wpa_ctrl* ctrl, const char* command, bool* no_reply);
 void wpacm_clear_all_event(struct wpa_ctrl* ctrl);
 int touch_file(const char* path);
 

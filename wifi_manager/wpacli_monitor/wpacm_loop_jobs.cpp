@@ -45,16 +45,12 @@ WiFi_Connection_Status wpacm_run_scan_job(wpacm_loop_state* loop, wpacm_job_data
                                           bool* keep_connection) {
     wpacli_monitor_data* data = loop->data;
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
-    bool no_reply = false;
-    if (!wpacm_send_wpa_command(loop->command_ctrl, "SCAN", &no_reply)) {
+    if (!wpacm_send_wpa_request(loop->command_ctrl, "SCAN")) {
         WPACM_LOG(LOG_Info, "send SCAN command fail, scan late, priority:%s",
                   wpacm_priority_word(job));
         data->next_scan_clock = wpacm_clock_ms() + WPACM_SCAN_RETRY_MS;
-        // A refused scan is tried again on the same connection. One that got
-        // no reply at all may have lost wpa_supplicant with it: the next job
-        // opens a fresh connection, which fails, and ends the worker, if
-        // wpa_supplicant is gone.
-        *keep_connection = !no_reply;
+        // The scan is tried again later on the same connection.
+        *keep_connection = true;
         return WIFI_CONNECT_STATUS_COMMAND_FAIL;
     }
     if (!wpacm_wait_for_event(loop, job, WIFI_CONNECT_STATUS_SCANNED)) {

@@ -178,13 +178,7 @@ static int wpacm_retry_wait_ms(int attempt) {
 }
 
 bool wpacm_send_wpa_request(struct wpa_ctrl* ctrl, const char* command) {
-    bool no_reply = false;
-    return wpacm_send_wpa_command(ctrl, command, &no_reply);
-}
-
-bool wpacm_send_wpa_command(struct wpa_ctrl* ctrl, const char* command, bool* no_reply) {
     char reply[WPACM_SHORT_REPLY_SIZE];
-    *no_reply = false;
     for (int attempt = 1; attempt <= WPACM_REQUEST_ATTEMPTS; attempt++) {
         memset(reply, 0, sizeof(reply));
         size_t reply_len = sizeof(reply);
@@ -194,7 +188,6 @@ bool wpacm_send_wpa_command(struct wpa_ctrl* ctrl, const char* command, bool* no
         wpacm_sleep_ms(wpacm_retry_wait_ms(attempt));
     }
     WPACM_LOG(LOG_Error, "Request fail, command:%s,result:%s", command, reply);
-    *no_reply = true;
     return false;
 }
 
