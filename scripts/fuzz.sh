@@ -26,8 +26,8 @@ CC=clang CXX=clang++ cmake -S . -B "$build" -DWIFIM_FUZZ=ON -DCMAKE_BUILD_TYPE=R
   >/dev/null
 cmake --build "$build" -j2 >/dev/null
 
-targets=$(sed -n '/set(WIFIM_FUZZ_TARGETS/,/)/p' fuzz/CMakeLists.txt |
-  tr -d '()' | sed 's/set//; s/WIFIM_FUZZ_TARGETS//')
+# The build lists its targets (fuzz/CMakeLists.txt writes them at configure time).
+targets=$(cat "$build/fuzz/targets.txt")
 status=0
 printf '%-14s %10s %8s  %s\n' target executions seconds result
 for target in $targets; do

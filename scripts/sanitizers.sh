@@ -39,7 +39,7 @@ for kind in "${kinds[@]}"; do
   if ! ASAN_OPTIONS="$common:detect_leaks=1:abort_on_error=0" \
     UBSAN_OPTIONS="$common:print_stacktrace=1" \
     TSAN_OPTIONS="$common:second_deadlock_stack=1" \
-    ctest --test-dir "$build" -j4 --output-on-failure --timeout 600 -LE radio; then
+    ctest --test-dir "$build" -j4 --output-on-failure --timeout 600 -LE '^radio$'; then
     status=1
   fi
   if [ -n "$(ls -A "$reports")" ]; then

@@ -17,8 +17,8 @@ build=${WIFIM_SOAK_BUILD_DIR:-build-soak}
 cmake -S . -B "$build" -DWIFIM_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j2 --target test_soak test_field_stress test_profile_power_cut
 WIFIM_SOAK_REQUESTS=${1:-200000} tests/sandbox/run-isolated --keep "$build" -- \
-  "$build/tests/service_funs/test_soak"
+  "$build/tests/system/test_soak"
 WIFIM_STRESS_TOGGLES=${2:-20000} WIFIM_STRESS_ROUNDS=3000 WIFIM_STRESS_SWITCH_ROUNDS=200 \
-  tests/sandbox/run-isolated --keep "$build" -- "$build/tests/service_funs/test_field_stress"
+  tests/sandbox/run-isolated --keep "$build" -- "$build/tests/system/test_field_stress"
 WIFIM_POWER_CUT_ROUNDS=3000 tests/sandbox/run-isolated --keep "$build" -- \
   "$build/tests/wifi_ap_info/test_profile_power_cut" --gtest_filter='*Killed*'

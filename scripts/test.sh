@@ -27,7 +27,7 @@ suite() {
   mkdir -p "$build"
   scripts/sanitizers.sh --build-only address thread >"$build/sanitizer-build.log" 2>&1 &
   local sanitizer_build=$! suite_status=0
-  ctest --test-dir "$build" -j4 --output-on-failure --timeout 300 -LE radio || suite_status=$?
+  ctest --test-dir "$build" -j4 --output-on-failure --timeout 300 -LE '^radio$' || suite_status=$?
   if ! wait "$sanitizer_build"; then
     cat "$build/sanitizer-build.log" >&2
     return 1
@@ -40,7 +40,7 @@ stage format scripts/check-format.sh
 stage suite suite
 # The real 802.11 stack in a VM (tests/radio): one core, alone, since its
 # scenarios wait on the real radios' and the daemon's own timers.
-stage radio ctest --test-dir "${WIFIM_TEST_BUILD_DIR:-build-test}" -L radio --output-on-failure
+stage radio ctest --test-dir "${WIFIM_TEST_BUILD_DIR:-build-test}" -L '^radio$' --output-on-failure
 stage sanitizers scripts/sanitizers.sh address thread
 stage static-analysis scripts/static-analysis.sh
 stage fuzz-smoke scripts/fuzz.sh --smoke
