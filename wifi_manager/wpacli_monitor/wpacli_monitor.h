@@ -353,7 +353,19 @@ bool wpacm_remove_ssid(void* monitor_data, const std::string& ssid, WiFi_Securit
 void wpacm_get_register_profile(void* monitor_data,
                                 std::vector<wifi_ap_info>& registed_ap_info_vector);
 void wpacm_update_wifi_profile(void* monitor_data, wifi_ap_info* ap_info_data, bool append_flag);
+// Writes the station switch and the registered profiles to the profile file
+// under the profiles' mutex. At shut-down and when the switch changes a lock
+// failure skips the write without a line: no operation on the profiles has
+// failed, and the next write of the list brings the file up to date.
+void wpacm_write_back_profiles(wpacli_monitor_data* data);
 bool wpacm_get_wifi_ap_list(void* monitor_data, std::vector<wifi_ap_info>& ap_info_vector);
 
+// The controller's lines: log readers find each by the function named in it.
+#define WPACM_LOG_SOURCE "wpacli_monitor.cpp"
 #define WPACM_LOG(level, fmt, ...) \
-    WIFIM_LOG_AT(level, "wpacli_monitor.cpp", __func__, fmt, ##__VA_ARGS__)
+    WIFIM_LOG_AT(level, WPACM_LOG_SOURCE, __func__, fmt, ##__VA_ARGS__)
+// A helper split out of a longer function writes that function's lines under
+// that function's name, the one the device has always written them under.
+// The compiler checks that `owner` names a function.
+#define WPACM_LOG_AS(owner, level, fmt, ...) \
+    WIFIM_LOG_AT(level, WPACM_LOG_SOURCE, ((void)&owner, #owner), fmt, ##__VA_ARGS__)

@@ -32,22 +32,22 @@ int wpacm_choose_profile(wpacm_loop_state* loop) {
     // The loop never waits on a request thread: busy lists put the
     // attempt off instead.
     if (pthread_mutex_trylock(&data->registed_ap_info.registed_ap_mutex) != 0) {
-        WPACM_LOG(LOG_Warn, "Can't lock registed_ap_mutex...");
+        WPACM_LOG_AS(wpacm_service, LOG_Warn, "Can't lock registed_ap_mutex...");
         return WPACM_CHOICE_BUSY;
     }
     std::vector<wifi_ap_info> profiles = data->registed_ap_info.registed_ap_info_vector;
     pthread_mutex_unlock(&data->registed_ap_info.registed_ap_mutex);
     if (profiles.empty()) {
-        WPACM_LOG(LOG_Warn, "Registed WiFi AP list is empty!!");
+        WPACM_LOG_AS(wpacm_service, LOG_Warn, "Registed WiFi AP list is empty!!");
         return WPACM_CHOICE_NO_PROFILE;
     }
     if (pthread_mutex_trylock(&data->scan_result.scan_result_mutex) != 0) {
-        WPACM_LOG(LOG_Warn, "Can't lock scan_result_mutex");
+        WPACM_LOG_AS(wpacm_service, LOG_Warn, "Can't lock scan_result_mutex");
         return WPACM_CHOICE_BUSY;
     }
     if (data->scan_result.scan_result_list.empty()) {
         pthread_mutex_unlock(&data->scan_result.scan_result_mutex);
-        WPACM_LOG(LOG_Warn, "Scan result is empty!!");
+        WPACM_LOG_AS(wpacm_service, LOG_Warn, "Scan result is empty!!");
         return WPACM_CHOICE_NO_SCAN;
     }
     wapinfo_reindex_ap_list(&profiles, true);
@@ -56,8 +56,9 @@ int wpacm_choose_profile(wpacm_loop_state* loop) {
         if (profile.priority < 1 || wpacm_entry_for_profile(data, profile, skip_bssid) == nullptr) {
             continue;
         }
-        WPACM_LOG(LOG_Info, "Try to connect to SSID : %s, network id:%d, skip bssid:%s",
-                  profile.ssid.c_str(), profile.network_id, skip_bssid.c_str());
+        WPACM_LOG_AS(wpacm_service, LOG_Info,
+                     "Try to connect to SSID : %s, network id:%d, skip bssid:%s",
+                     profile.ssid.c_str(), profile.network_id, skip_bssid.c_str());
         loop->candidate = profile;
         result = 0;
         break;
@@ -71,8 +72,9 @@ void wpacm_auto_connect(wpacm_loop_state* loop) {
     int result = wpacm_choose_profile(loop);
     int64_t now = wpacm_clock_ms();
     if (result != 0 || loop->candidate.ssid.empty()) {
-        WPACM_LOG(LOG_Warn, "No any available WiFi profile, lsat bssid:%s, ret:%d",
-                  loop->last_bssid.c_str(), result);
+        WPACM_LOG_AS(wpacm_service, LOG_Warn,
+                     "No any available WiFi profile, lsat bssid:%s, ret:%d",
+                     loop->last_bssid.c_str(), result);
         if (result == WPACM_CHOICE_NO_PROFILE) {
             data->next_connect_clock = now + (loop->no_profile_count < WPACM_NO_PROFILE_SHORT_TRIES
                                                   ? WPACM_NO_PROFILE_BACKOFF_MS

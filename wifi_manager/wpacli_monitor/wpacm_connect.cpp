@@ -84,7 +84,8 @@ static int wpacm_add_network(struct wpa_ctrl* ctrl, int* ret) {
 static WiFi_Connection_Status wpacm_connect_failed(struct wpa_ctrl* ctrl,
                                                    WiFi_Connection_Status result) {
     wpacm_clear_all_wpa_network_setting(ctrl);
-    WPACM_LOG(LOG_Info, "connect %s, connect result:%d", "fail", result);
+    WPACM_LOG_AS(wpacm_connect_ap_private, LOG_Info, "connect %s, connect result:%d", "fail",
+                 result);
     return result;
 }
 

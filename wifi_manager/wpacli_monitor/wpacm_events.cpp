@@ -112,28 +112,31 @@ static WiFi_Connection_Status wpacm_apply_event(wpacli_monitor_data* data, wpacm
             wpacm_on_disconnected(data);
             return WIFI_CONNECT_STATUS_DISCONNECTED;
         case WPACM_EVENT_WPS_CRED_RECEIVED:
-            WPACM_LOG(LOG_Info, "WPS: Network configuration received");
+            WPACM_LOG_AS(wpacm_receive_wpa_supplicant_event, LOG_Info,
+                         "WPS: Network configuration received");
             return WIFI_CONNECT_STATUS_CONNECTING;
         case WPACM_EVENT_WPS_OVERLAP:
-            WPACM_LOG(LOG_Warn,
-                      "WPS: More than one AP is currently in active WPS PBC mode. Wait couple of "
-                      "minutes and try again");
+            WPACM_LOG_AS(
+                wpacm_receive_wpa_supplicant_event, LOG_Warn,
+                "WPS: More than one AP is currently in active WPS PBC mode. Wait couple of "
+                "minutes and try again");
             return WIFI_CONNECT_STATUS_WPS_OVERLAP;
         case WPACM_EVENT_WPS_METHOD:
-            WPACM_LOG(LOG_Info, "WPS start");
+            WPACM_LOG_AS(wpacm_receive_wpa_supplicant_event, LOG_Info, "WPS start");
             return WIFI_CONNECT_STATUS_WPS_START;
         case WPACM_EVENT_WPS_FAIL:
-            WPACM_LOG(LOG_Info, "WPS: Registration failed");
+            WPACM_LOG_AS(wpacm_receive_wpa_supplicant_event, LOG_Info, "WPS: Registration failed");
             return WIFI_CONNECT_STATUS_WPS_FAIL;
         case WPACM_EVENT_WPS_TIMEOUT:
-            WPACM_LOG(LOG_Warn, "WPS: timeout");
+            WPACM_LOG_AS(wpacm_receive_wpa_supplicant_event, LOG_Warn, "WPS: timeout");
             return WIFI_CONNECT_STATUS_WPS_TIMEOUT;
         case WPACM_EVENT_CONNECTED:
-            WPACM_LOG(LOG_Info, "Connected");
+            WPACM_LOG_AS(wpacm_receive_wpa_supplicant_event, LOG_Info, "Connected");
             return wpacm_run_connected_hook(data) ? WIFI_CONNECT_STATUS_CONNECTED
                                                   : WIFI_CONNECT_STATUS_DENIAL_BY_IP;
         case WPACM_EVENT_WPS_SUCCESS:
-            WPACM_LOG(LOG_Info, "WPS: Registration succeeded");
+            WPACM_LOG_AS(wpacm_receive_wpa_supplicant_event, LOG_Info,
+                         "WPS: Registration succeeded");
             return wpacm_run_connected_hook(data) ? WIFI_CONNECT_STATUS_WPS_SUCCESS
                                                   : WIFI_CONNECT_STATUS_DENIAL_BY_IP;
         default:

@@ -46,8 +46,8 @@ WiFi_Connection_Status wpacm_run_scan_job(wpacm_loop_state* loop, wpacm_job_data
     wpacli_monitor_data* data = loop->data;
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     if (!wpacm_send_wpa_request(loop->command_ctrl, "SCAN")) {
-        WPACM_LOG(LOG_Info, "send SCAN command fail, scan late, priority:%s",
-                  wpacm_priority_word(job));
+        WPACM_LOG_AS(wpacm_service, LOG_Info, "send SCAN command fail, scan late, priority:%s",
+                     wpacm_priority_word(job));
         data->next_scan_clock = wpacm_clock_ms() + WPACM_SCAN_RETRY_MS;
         // The scan is tried again later on the same connection.
         *keep_connection = true;
@@ -75,12 +75,13 @@ WiFi_Connection_Status wpacm_run_scan_job(wpacm_loop_state* loop, wpacm_job_data
         data->next_connect_clock = 0;
         clear_wifi_ap_info(&loop->candidate);
     }
-    WPACM_LOG(LOG_Debug,
-              "Scan success, force_scan_count:%d, next scan clock:%lld, next connect clock:%lld, "
-              "now:%lld, scan request count:%d",
-              loop->force_scan_count, static_cast<long long>(wpacm_wall_ms(data->next_scan_clock)),
-              static_cast<long long>(wpacm_wall_ms(data->next_connect_clock)),
-              static_cast<long long>(get_now_time_ms()), data->continue_scan_request.load());
+    WPACM_LOG_AS(
+        wpacm_service, LOG_Debug,
+        "Scan success, force_scan_count:%d, next scan clock:%lld, next connect clock:%lld, "
+        "now:%lld, scan request count:%d",
+        loop->force_scan_count, static_cast<long long>(wpacm_wall_ms(data->next_scan_clock)),
+        static_cast<long long>(wpacm_wall_ms(data->next_connect_clock)),
+        static_cast<long long>(get_now_time_ms()), data->continue_scan_request.load());
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     return WIFI_CONNECT_STATUS_SUCCESS;
 }
@@ -99,7 +100,7 @@ void wpacm_run_disconnect_job(wpacm_loop_state* loop, wpacm_job_data_struct* job
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     if (!loop->last_status.ssid.empty() && loop->last_status.wpa_state == "COMPLETED") {
         if (!wpacm_send_wpa_request(loop->command_ctrl, "DISCONNECT")) {
-            WPACM_LOG(LOG_Error, "Discinnect fail!!");
+            WPACM_LOG_AS(wpacm_service, LOG_Error, "Discinnect fail!!");
         }
         if (wpacm_wait_for_event(loop, job, WIFI_CONNECT_STATUS_DISCONNECTED)) {
             wpacm_reschedule_after_disconnect(data);

@@ -87,10 +87,11 @@ static const char* wpacm_wep_quote(const wifi_ap_info& ap_info) {
     return (len == 5 || len == 13) ? "\"" : "";
 }
 
-#define WPACM_BLOCK_FAIL(what)                                                                  \
-    do {                                                                                        \
-        WPACM_LOG(LOG_Error, "update network id:%d, ssid:%s, " what, id, ap_info.ssid.c_str()); \
-        return false;                                                                           \
+#define WPACM_BLOCK_FAIL(what)                                                          \
+    do {                                                                                \
+        WPACM_LOG_AS(wpacm_update_wpa_network_setting, LOG_Error,                       \
+                     "update network id:%d, ssid:%s, " what, id, ap_info.ssid.c_str()); \
+        return false;                                                                   \
     } while (0)
 
 static bool wpacm_write_keys(struct wpa_ctrl* ctrl, int id, const wifi_ap_info& ap_info) {

@@ -25,9 +25,11 @@ static void wpacm_back_off(wpacli_monitor_data* data) {
     data->next_scan_clock = when;
 }
 
-static bool wpacm_lock_profiles(wpacli_monitor_data* data) {
+// A request thread that cannot lock the profiles gives up its operation;
+// the line names that operation.
+static bool wpacm_lock_profiles(wpacli_monitor_data* data, const char* operation) {
     if (pthread_mutex_lock(&data->registed_ap_info.registed_ap_mutex) != 0) {
-        WPACM_LOG(LOG_Error, "Can't lock registed_ap_mutex...");
+        WIFIM_LOG_AT(LOG_Error, WPACM_LOG_SOURCE, operation, "Can't lock registed_ap_mutex...");
         return false;
     }
     return true;
@@ -40,6 +42,13 @@ static void wpacm_unlock_profiles(wpacli_monitor_data* data) {
 static void wpacm_save_profiles(wpacli_monitor_data* data) {
     wapinfo_update_profile_to_user_setting(
         data->enable_feature, &data->registed_ap_info.registed_ap_info_vector, nullptr);
+}
+
+void wpacm_write_back_profiles(wpacli_monitor_data* data) {
+    if (pthread_mutex_lock(&data->registed_ap_info.registed_ap_mutex) == 0) {
+        wpacm_save_profiles(data);
+        wpacm_unlock_profiles(data);
+    }
 }
 
 void wpacm_set_enable(void* monitor_data, bool enable) {
@@ -66,12 +75,7 @@ void wpacm_set_enable(void* monitor_data, bool enable) {
         wpacm_wait_job(data, job, nullptr, generation);
     }
     data->enable_feature = enable;
-    // The list is read under its mutex like everywhere else, so that the
-    // file never gets a list another request is changing.
-    if (wpacm_lock_profiles(data)) {
-        wpacm_save_profiles(data);
-        wpacm_unlock_profiles(data);
-    }
+    wpacm_write_back_profiles(data);
 }
 
 int wpacm_connect_to_ap(void* monitor_data, wifi_ap_info* ap_info_data) {
@@ -151,7 +155,7 @@ bool wpacm_disconnect(void* monitor_data) {
         return false;
     }
     WiFi_Connection_Status result = wpacm_wait_job(data, job, nullptr, generation);
-    if (!wpacm_lock_profiles(data)) {
+    if (!wpacm_lock_profiles(data, __func__)) {
         return false;
     }
     wpacm_demote_profile(data, ssid);
@@ -192,7 +196,7 @@ bool wpacm_remove_ssid(void* monitor_data, const std::string& ssid, WiFi_Securit
     std::string connected;
     std::string bssid;
     wpacm_get_connected_ssid(data, connected, bssid);
-    if (!wpacm_lock_profiles(data)) {
+    if (!wpacm_lock_profiles(data, __func__)) {
         return false;
     }
     std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;
@@ -216,7 +220,7 @@ void wpacm_get_register_profile(void* monitor_data,
     wpacli_monitor_data* data = wpacm_data(monitor_data);
     registed_ap_info_vector.clear();
     wpacm_call call;
-    if (data == nullptr || !call.entered || !wpacm_lock_profiles(data)) {
+    if (data == nullptr || !call.entered || !wpacm_lock_profiles(data, __func__)) {
         return;
     }
     registed_ap_info_vector = data->registed_ap_info.registed_ap_info_vector;
@@ -253,7 +257,8 @@ static bool wpacm_merge_profile(std::vector<wifi_ap_info>& list, const wifi_ap_i
 void wpacm_update_wifi_profile(void* monitor_data, wifi_ap_info* ap_info_data, bool append_flag) {
     wpacli_monitor_data* data = wpacm_data(monitor_data);
     wpacm_call call;
-    if (data == nullptr || !call.entered || ap_info_data == nullptr || !wpacm_lock_profiles(data)) {
+    if (data == nullptr || !call.entered || ap_info_data == nullptr ||
+        !wpacm_lock_profiles(data, __func__)) {
         return;
     }
     std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;

@@ -25,8 +25,8 @@ static bool wpacm_open_command_connection(wpacm_loop_state* loop) {
     }
     loop->command_ctrl = wpa_ctrl_open(loop->data->wpa_socket_file.c_str());
     if (loop->command_ctrl == nullptr) {
-        WPACM_LOG(LOG_Error, "Can't connect to wpa_supplicant, socket file:%s",
-                  loop->data->wpa_socket_file.c_str());
+        WPACM_LOG_AS(wpacm_service, LOG_Error, "Can't connect to wpa_supplicant, socket file:%s",
+                     loop->data->wpa_socket_file.c_str());
         wpacm_raise_fatal_signal();
         return false;
     }
@@ -44,18 +44,19 @@ static bool wpacm_open_event_connection(wpacm_loop_state* loop) {
     const char* socket_file = loop->data->wpa_socket_file.c_str();
     loop->event_ctrl = wpa_ctrl_open(socket_file);
     if (loop->event_ctrl == nullptr) {
-        WPACM_LOG(LOG_Error,
-                  "Can't connect to wpa_supplicant for monitor event by wpa_ctrl_open(), socket "
-                  "file:%s",
-                  socket_file);
+        WPACM_LOG_AS(wpacm_service, LOG_Error,
+                     "Can't connect to wpa_supplicant for monitor event by wpa_ctrl_open(), socket "
+                     "file:%s",
+                     socket_file);
         wpacm_raise_fatal_signal();
         return false;
     }
     if (wpa_ctrl_attach(loop->event_ctrl) != 0) {
         wpa_ctrl_close(loop->event_ctrl);
         loop->event_ctrl = nullptr;
-        WPACM_LOG(LOG_Error, "Can't attach to wpa_supplicant for monitor event, socket file:%s",
-                  socket_file);
+        WPACM_LOG_AS(wpacm_service, LOG_Error,
+                     "Can't attach to wpa_supplicant for monitor event, socket file:%s",
+                     socket_file);
         wpacm_raise_fatal_signal();
         return false;
     }
@@ -98,7 +99,7 @@ static bool wpacm_idle_wait(wpacm_loop_state* loop, wpacm_job_data_struct** job)
     wpacli_monitor_data* data = loop->data;
     wpa_request* request = &data->request;
     if (pthread_mutex_lock(&request->job_mutex) != 0) {
-        WPACM_LOG(LOG_Error, "Locking job mutex fail!!");
+        WPACM_LOG_AS(wpacm_service, LOG_Error, "Locking job mutex fail!!");
         wpacm_raise_fatal_signal();
         return false;
     }
@@ -155,8 +156,8 @@ static bool wpacm_idle_pass(wpacm_loop_state* loop) {
 
 static WiFi_Connection_Status wpacm_run_connect_job(wpacm_loop_state* loop,
                                                     wpacm_job_data_struct* job) {
-    WPACM_LOG(LOG_Info, "priority:%s, Connect to AP, ssid:%s", wpacm_priority_word(job),
-              job->ap_info.ssid.c_str());
+    WPACM_LOG_AS(wpacm_service, LOG_Info, "priority:%s, Connect to AP, ssid:%s",
+                 wpacm_priority_word(job), job->ap_info.ssid.c_str());
     wpacm_touch_watchdog(loop->data, WPACM_WATCHDOG_NORMAL_S);
     int r = wpacm_connect_ap_private(loop->data, job, loop->command_ctrl, loop->event_ctrl);
     loop->last_bssid = job->ap_info.bssid;
@@ -167,8 +168,8 @@ static WiFi_Connection_Status wpacm_run_connect_job(wpacm_loop_state* loop,
 
 static WiFi_Connection_Status wpacm_run_wps_job(wpacm_loop_state* loop,
                                                 wpacm_job_data_struct* job) {
-    WPACM_LOG(LOG_Info, "priority:%s, WPS %s, pin:%s", wpacm_priority_word(job),
-              job->job_id == JobID_WPS_PBC ? "PBC" : "PIN", job->wps_pin.c_str());
+    WPACM_LOG_AS(wpacm_service, LOG_Info, "priority:%s, WPS %s, pin:%s", wpacm_priority_word(job),
+                 job->job_id == JobID_WPS_PBC ? "PBC" : "PIN", job->wps_pin.c_str());
     wpacm_touch_watchdog(loop->data, WPACM_WATCHDOG_NORMAL_S);
     int r = wpacm_wps_private(loop->data, job, loop->command_ctrl, loop->event_ctrl);
     loop->last_bssid = job->ap_info.bssid;
@@ -192,14 +193,14 @@ static bool wpacm_run_job(wpacm_loop_state* loop, wpacm_job_data_struct* job) {
         wpacm_update_job_result(data, job, WIFI_CONNECT_STATUS_EXPIRE);
         return true;
     }
-    WPACM_LOG(LOG_Debug,
-              "Got job, index:%d, priority:%s, Job ID:%d, time out:%lld, next scan clock:%lld, "
-              "next connect clock:%lld, now:%lld, scan request count:%d",
-              job->job_index, wpacm_priority_word(job), job->job_id,
-              static_cast<long long>(wpacm_wall_ms(job->request_timeout_ms)),
-              static_cast<long long>(wpacm_wall_ms(data->next_scan_clock)),
-              static_cast<long long>(wpacm_wall_ms(data->next_connect_clock)),
-              static_cast<long long>(wpacm_wall_ms(now)), data->continue_scan_request.load());
+    WPACM_LOG_AS(wpacm_service, LOG_Debug,
+                 "Got job, index:%d, priority:%s, Job ID:%d, time out:%lld, next scan clock:%lld, "
+                 "next connect clock:%lld, now:%lld, scan request count:%d",
+                 job->job_index, wpacm_priority_word(job), job->job_id,
+                 static_cast<long long>(wpacm_wall_ms(job->request_timeout_ms)),
+                 static_cast<long long>(wpacm_wall_ms(data->next_scan_clock)),
+                 static_cast<long long>(wpacm_wall_ms(data->next_connect_clock)),
+                 static_cast<long long>(wpacm_wall_ms(now)), data->continue_scan_request.load());
     if (job->job_id != JobID_Nothing && !wpacm_open_command_connection(loop)) {
         return false;
     }

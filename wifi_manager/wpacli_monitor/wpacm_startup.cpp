@@ -129,11 +129,7 @@ void wpacm_close(void* monitor_data) {
     data->stop_service = true;
     g_wpacm_closing = true;
     bool idle = wpacm_wait_for_callers(data);
-    if (pthread_mutex_lock(&data->registed_ap_info.registed_ap_mutex) == 0) {
-        wapinfo_update_profile_to_user_setting(
-            data->enable_feature, &data->registed_ap_info.registed_ap_info_vector, nullptr);
-        pthread_mutex_unlock(&data->registed_ap_info.registed_ap_mutex);
-    }
+    wpacm_write_back_profiles(data);
     if (!idle) {
         // A caller is stuck inside; keeping the memory is safer than
         // freeing it under that caller on the way out.
