@@ -16,7 +16,7 @@
 
 #include "service_funs/service_funs.h"
 #include "socket_communication/socket_communication.h"
-#include "wpacli_monitor/wpacli_monitor.h"
+#include "wpacli_monitor/wpacm_internal.h"
 
 namespace {
 

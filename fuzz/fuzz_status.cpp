@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "wpacli_monitor/wpacli_monitor.h"
+#include "wpacli_monitor/wpacm_internal.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string reply(reinterpret_cast<const char*>(data), size);

@@ -3,7 +3,7 @@
 #include <regex>
 
 #include "request_fixture.h"
-#include "wpacli_monitor/wpacli_monitor.h"
+#include "wpacli_monitor/wpacm_internal.h"
 
 class WithRealWpaSupplicant : public DaemonRequests {
   protected:

@@ -1,7 +1,7 @@
 // Classification of wpa_supplicant's event texts.
 #include <gtest/gtest.h>
 
-#include "wpacli_monitor/wpacli_monitor.h"
+#include "wpacli_monitor/wpacm_internal.h"
 
 TEST(EventText, LevelPrefixIsSkipped) {
     EXPECT_STREQ(wpacm_event_text("<3>CTRL-EVENT-SCAN-RESULTS "), "CTRL-EVENT-SCAN-RESULTS ");

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "test_support.h"
-#include "wpacli_monitor/wpacli_monitor.h"
+#include "wpacli_monitor/wpacm_internal.h"
 
 class JobQueue : public ::testing::Test {
   protected:

@@ -2,7 +2,7 @@
 // with chosen clock values.
 #include <gtest/gtest.h>
 
-#include "wpacli_monitor/wpacli_monitor.h"
+#include "wpacli_monitor/wpacm_internal.h"
 
 struct flags_case {
     const char* flags;

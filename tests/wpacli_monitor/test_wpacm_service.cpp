@@ -10,8 +10,7 @@
 
 #include "test_support.h"
 #include "wpa_peer.h"
-#include "wpacli_monitor/wpacli_monitor.h"
-#include "wpacli_monitor/wpacm_service_loop.h"
+#include "wpacli_monitor/wpacm_internal.h"
 
 using wifim_test::sim_commands;
 using wifim_test::sim_control;

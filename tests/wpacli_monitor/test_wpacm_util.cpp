@@ -1,7 +1,7 @@
 // String helpers, security matching and the wpa_supplicant security table.
 #include <gtest/gtest.h>
 
-#include "wpacli_monitor/wpacli_monitor.h"
+#include "wpacli_monitor/wpacm_internal.h"
 
 TEST(RemoveQuote, StripsBlanksThenOnePairOfQuotes) {
     EXPECT_EQ(wpacm_remove_quote("  \"my net\"  "), "my net");

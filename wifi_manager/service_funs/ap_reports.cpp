@@ -19,19 +19,10 @@ static bool service_is_connected_entry(const wifi_ap_info& entry, const std::str
 static void service_merge_profiles(std::vector<wifi_ap_info>& list,
                                    const std::vector<wifi_ap_info>& profiles) {
     for (const wifi_ap_info& profile : profiles) {
-        bool found = false;
-        for (wifi_ap_info& entry : list) {
-            if (entry.ssid == profile.ssid &&
-                wpacm_is_same_security(profile.security, entry.security)) {
-                entry.ascii_key = profile.ascii_key;
-                entry.password = profile.password;
-                entry.priority = profile.priority;
-                entry.saved = true;
-                found = true;
-                break;
-            }
-        }
-        if (!found) {
+        wifi_ap_info* entry = wpacm_take_profile(list, profile, false);
+        if (entry != nullptr) {
+            entry->saved = true;
+        } else {
             wifi_ap_info copy = profile;
             copy.network_id = -1;
             copy.signal = 0;

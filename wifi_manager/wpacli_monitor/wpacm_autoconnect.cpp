@@ -1,15 +1,10 @@
 // Automatic connection: after a scan, the first registered profile (in
 // priority order) that is in range is queued for connection.
-#include "wpacm_service_loop.h"
+#include "wpacm_internal.h"
 
 #define WPACM_CHOICE_NO_PROFILE (-2)
 #define WPACM_CHOICE_NO_SCAN (-1)
 #define WPACM_CHOICE_BUSY (-3)
-#define WPACM_NO_PROFILE_BACKOFF_MS 30000
-#define WPACM_NO_PROFILE_LONG_BACKOFF_MS 60000
-#define WPACM_NO_PROFILE_SHORT_TRIES 6
-#define WPACM_CHOICE_RETRY_MS 5000
-#define WPACM_AUTO_CONNECT_TIMEOUT_MS 40000
 
 // The first scan entry in key order that can serve this profile.
 static const wifi_scan_ap_info* wpacm_entry_for_profile(wpacli_monitor_data* data,
@@ -85,8 +80,8 @@ void wpacm_auto_connect(wpacm_loop_state* loop) {
         }
         return;
     }
-    if (wpacm_new_job(data, JobID_ConnectAP, &loop->candidate, "", WPACM_AUTO_CONNECT_TIMEOUT_MS,
+    if (wpacm_new_job(data, JobID_ConnectAP, &loop->candidate, "", WPACM_CONNECT_TIMEOUT_MS,
                       false) != nullptr) {
-        data->next_connect_clock = now + WPACM_AUTO_CONNECT_TIMEOUT_MS;
+        data->next_connect_clock = now + WPACM_CONNECT_TIMEOUT_MS;
     }
 }

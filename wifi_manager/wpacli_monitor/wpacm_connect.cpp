@@ -7,9 +7,8 @@
 #include <wpa_ctrl.h>
 
 #include "../fixed_paths.h"
-#include "wpacli_monitor.h"
+#include "wpacm_internal.h"
 
-#define WPACM_DISCONNECT_PAUSE_US 500000
 #define WPACM_ENABLE_COMMAND_SIZE 256
 
 // The BSSID under which the network is in range, for the log only.

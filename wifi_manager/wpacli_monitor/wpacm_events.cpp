@@ -7,7 +7,7 @@
 #include <wpa_ctrl.h>
 
 #include "../fixed_paths.h"
-#include "wpacli_monitor.h"
+#include "wpacm_internal.h"
 
 static bool wpacm_starts_with(const char* text, const char* pattern) {
     return strncmp(text, pattern, strlen(pattern)) == 0;
@@ -74,17 +74,12 @@ wpacm_event_kind wpacm_classify_event(const char* text) {
     return WPACM_EVENT_OTHER;
 }
 
-// Clocks that schedule work avoid 0, which means "not scheduled".
-static int64_t wpacm_schedule_in(int64_t delay_ms) {
-    int64_t when = wpacm_clock_ms() + delay_ms;
-    return when == 0 ? 1 : when;
-}
-
 // The link is gone: the station is looked after again in a few seconds.
 static void wpacm_on_disconnected(wpacli_monitor_data* data) {
     unlink(WIFIM_CONNECTED_MARKER_FILE);
-    data->next_scan_clock = wpacm_schedule_in(WPACM_RESCHEDULE_AFTER_DROP_MS);
-    data->next_connect_clock = wpacm_schedule_in(WPACM_RESCHEDULE_AFTER_DROP_MS);
+    int64_t when = wpacm_schedule_clock(wpacm_clock_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS);
+    data->next_scan_clock = when;
+    data->next_connect_clock = when;
     if (data->continue_scan_request <= 2) {
         data->continue_scan_request = 3;
     }

@@ -2,10 +2,10 @@
 // wait for its result; the worker's pings to its supervisor start here too.
 #include <unistd.h>
 
-#include "wpacli_monitor.h"
+#include "wpacm_internal.h"
 
-static const char* wpacm_priority_word(bool high) {
-    return high ? "hight" : "normal";
+const char* wpacm_priority_word(bool high_priority) {
+    return high_priority ? "hight" : "normal";
 }
 
 // Waits on the job condition until the start of the next second of the

@@ -3,15 +3,7 @@
 #include <wpa_ctrl.h>
 
 #include "../fixed_paths.h"
-#include "wpacm_service_loop.h"
-
-#define WPACM_SCAN_RETRY_MS 2000
-#define WPACM_SCAN_INTERVAL_MS 10000
-#define WPACM_SLOW_SCAN_INTERVAL_MS 30000
-
-static const char* wpacm_priority_word(const wpacm_job_data_struct* job) {
-    return job->high_priority ? "hight" : "normal";
-}
+#include "wpacm_internal.h"
 
 // Reads events until one returns the wanted status; false when the wait
 // was cut short (shutdown, deadline, or a high-priority job waiting).
@@ -47,7 +39,7 @@ WiFi_Connection_Status wpacm_run_scan_job(wpacm_loop_state* loop, wpacm_job_data
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     if (!wpacm_send_wpa_request(loop->command_ctrl, "SCAN")) {
         WPACM_LOG_AS(wpacm_service, LOG_Info, "send SCAN command fail, scan late, priority:%s",
-                     wpacm_priority_word(job));
+                     wpacm_priority_word(job->high_priority));
         data->next_scan_clock = wpacm_clock_ms() + WPACM_SCAN_RETRY_MS;
         // The scan is tried again later on the same connection.
         *keep_connection = true;

@@ -5,7 +5,7 @@
 #include <string.h>
 #include <wpa_ctrl.h>
 
-#include "wpacli_monitor.h"
+#include "wpacm_internal.h"
 
 #define WPACM_COMMAND_SIZE 512
 #define WPACM_REMOVE_COMMAND_SIZE 128

@@ -1,22 +1,10 @@
 // Operations offered to the request services. They run on request threads:
 // work on wpa_supplicant is posted as a job for the service loop; work on
 // the registered profiles is done here under their mutex.
-#include "wpacli_monitor.h"
-
-#define WPACM_DISABLE_TIMEOUT_MS 5000
-#define WPACM_CONNECT_TIMEOUT_MS 40000
-#define WPACM_STATUS_TIMEOUT_MS 5000
-#define WPACM_DISCONNECT_TIMEOUT_MS 10000
-#define WPACM_WPS_TIMEOUT_MS 120000
-#define WPACM_ENABLE_DELAY_MS 1000
-#define WPACM_BACKOFF_AFTER_REQUEST_MS 5000
+#include "wpacm_internal.h"
 
 static wpacli_monitor_data* wpacm_data(void* monitor_data) {
     return static_cast<wpacli_monitor_data*>(monitor_data);
-}
-
-static int64_t wpacm_not_zero(int64_t when) {
-    return when == 0 ? 1 : when;
 }
 
 static void wpacm_back_off(wpacli_monitor_data* data) {
@@ -65,7 +53,7 @@ void wpacm_set_enable(void* monitor_data, bool enable) {
     }
     if (enable) {
         data->continue_scan_request = 1;
-        int64_t when = wpacm_not_zero(wpacm_clock_ms() + WPACM_ENABLE_DELAY_MS);
+        int64_t when = wpacm_schedule_clock(wpacm_clock_ms() + WPACM_ENABLE_DELAY_MS);
         data->next_connect_clock = when;
         data->next_scan_clock = when;
     } else {
@@ -235,23 +223,15 @@ static void wpacm_reorder_and_trim(wpacli_monitor_data* data) {
     }
 }
 
-// Updates every profile of the same network; other profiles at or below
-// the new priority move down one place to make room. Returns whether the
-// network was known.
-static bool wpacm_merge_profile(std::vector<wifi_ap_info>& list, const wifi_ap_info& added) {
-    bool found = false;
+// Other profiles at or below the new profile's priority move down one place
+// to make room for it.
+static void wpacm_make_room(std::vector<wifi_ap_info>& list, const wifi_ap_info& added) {
     for (wifi_ap_info& profile : list) {
-        if (profile.ssid == added.ssid &&
-            wpacm_is_same_security(added.security, profile.security)) {
-            profile.password = added.password;
-            profile.ascii_key = added.ascii_key;
-            profile.priority = added.priority;
-            found = true;
-        } else if (added.priority > 0 && added.priority <= profile.priority) {
+        if (!wpacm_is_same_network(added, profile) && added.priority > 0 &&
+            added.priority <= profile.priority) {
             profile.priority++;
         }
     }
-    return found;
 }
 
 void wpacm_update_wifi_profile(void* monitor_data, wifi_ap_info* ap_info_data, bool append_flag) {
@@ -262,7 +242,9 @@ void wpacm_update_wifi_profile(void* monitor_data, wifi_ap_info* ap_info_data, b
         return;
     }
     std::vector<wifi_ap_info>& list = data->registed_ap_info.registed_ap_info_vector;
-    bool found = wpacm_merge_profile(list, *ap_info_data);
+    // Every profile of the network is updated.
+    wpacm_make_room(list, *ap_info_data);
+    bool found = wpacm_take_profile(list, *ap_info_data, true) != nullptr;
     if (!found && !append_flag) {
         // Nothing to record: undo the room made above from the file.
         // (The read holds the profile file's lock, taken after ours.)
@@ -301,7 +283,7 @@ bool wpacm_get_wifi_ap_list(void* monitor_data, std::vector<wifi_ap_info>& ap_in
     }
     // Ask the service loop for a fresh scan.
     if (!(data->continue_scan_request > 0 && data->next_scan_clock != 0)) {
-        data->next_scan_clock = wpacm_not_zero(now);
+        data->next_scan_clock = wpacm_schedule_clock(now);
     }
     if (data->continue_scan_request < 2) {
         data->continue_scan_request = 2;

@@ -5,7 +5,7 @@
 
 #include <SimpleIni.h>
 
-#include "wpacli_monitor.h"
+#include "wpacm_internal.h"
 
 static bool wpacm_has(const std::string& text, const char* word) {
     return text.find(word) != std::string::npos;

@@ -6,16 +6,7 @@
 #include <wpa_ctrl.h>
 
 #include "../fixed_paths.h"
-#include "wpacm_service_loop.h"
-
-#define WPACM_FIRST_CONNECT_DELAY_MS 20000
-#define WPACM_FORCED_SCANS 5
-#define WPACM_SCAN_JOB_TIMEOUT_MS 10000
-#define WPACM_SCAN_INTERVAL_MS 10000
-
-static const char* wpacm_priority_word(const wpacm_job_data_struct* job) {
-    return job->high_priority ? "hight" : "normal";
-}
+#include "wpacm_internal.h"
 
 // A command connection that cannot be opened means wpa_supplicant is gone:
 // the worker ends itself and its supervisor restarts it.
@@ -79,8 +70,8 @@ static bool wpacm_service_start(wpacm_loop_state* loop) {
     } else {
         unlink(WIFIM_CONNECTED_MARKER_FILE);
         wpacm_clear_all_wpa_network_setting(loop->command_ctrl);
-        int64_t when = wpacm_clock_ms() + WPACM_FIRST_CONNECT_DELAY_MS;
-        data->next_connect_clock = when == 0 ? 1 : when;
+        data->next_connect_clock =
+            wpacm_schedule_clock(wpacm_clock_ms() + WPACM_FIRST_CONNECT_DELAY_MS);
     }
     wpacm_close_command_connection(loop);
     data->next_scan_clock = wpacm_clock_ms();
@@ -157,7 +148,7 @@ static bool wpacm_idle_pass(wpacm_loop_state* loop) {
 static WiFi_Connection_Status wpacm_run_connect_job(wpacm_loop_state* loop,
                                                     wpacm_job_data_struct* job) {
     WPACM_LOG_AS(wpacm_service, LOG_Info, "priority:%s, Connect to AP, ssid:%s",
-                 wpacm_priority_word(job), job->ap_info.ssid.c_str());
+                 wpacm_priority_word(job->high_priority), job->ap_info.ssid.c_str());
     wpacm_touch_watchdog(loop->data, WPACM_WATCHDOG_NORMAL_S);
     int r = wpacm_connect_ap_private(loop->data, job, loop->command_ctrl, loop->event_ctrl);
     loop->last_bssid = job->ap_info.bssid;
@@ -168,7 +159,8 @@ static WiFi_Connection_Status wpacm_run_connect_job(wpacm_loop_state* loop,
 
 static WiFi_Connection_Status wpacm_run_wps_job(wpacm_loop_state* loop,
                                                 wpacm_job_data_struct* job) {
-    WPACM_LOG_AS(wpacm_service, LOG_Info, "priority:%s, WPS %s, pin:%s", wpacm_priority_word(job),
+    WPACM_LOG_AS(wpacm_service, LOG_Info, "priority:%s, WPS %s, pin:%s",
+                 wpacm_priority_word(job->high_priority),
                  job->job_id == JobID_WPS_PBC ? "PBC" : "PIN", job->wps_pin.c_str());
     wpacm_touch_watchdog(loop->data, WPACM_WATCHDOG_NORMAL_S);
     int r = wpacm_wps_private(loop->data, job, loop->command_ctrl, loop->event_ctrl);
@@ -196,7 +188,7 @@ static bool wpacm_run_job(wpacm_loop_state* loop, wpacm_job_data_struct* job) {
     WPACM_LOG_AS(wpacm_service, LOG_Debug,
                  "Got job, index:%d, priority:%s, Job ID:%d, time out:%lld, next scan clock:%lld, "
                  "next connect clock:%lld, now:%lld, scan request count:%d",
-                 job->job_index, wpacm_priority_word(job), job->job_id,
+                 job->job_index, wpacm_priority_word(job->high_priority), job->job_id,
                  static_cast<long long>(wpacm_wall_ms(job->request_timeout_ms)),
                  static_cast<long long>(wpacm_wall_ms(data->next_scan_clock)),
                  static_cast<long long>(wpacm_wall_ms(data->next_connect_clock)),

@@ -13,13 +13,9 @@
 #include <SimpleIni.h>
 
 #include "../fixed_paths.h"
-#include "wpacli_monitor.h"
+#include "wpacm_internal.h"
 
-#define WPACM_REQUEST_ATTEMPTS 5
 #define WPACM_SHORT_REPLY_SIZE 256
-#define WPACM_INITIAL_SCAN_REQUESTS 3
-
-#define WPACM_CLOSE_WAIT_MS 10000
 // The marker says only that the station is connected; scripts of any user
 // may look at it.
 #define WPACM_MARKER_FILE_MODE 0666
@@ -169,7 +165,7 @@ static void wpacm_sleep_ms(int ms) {
 // Waits after a failed transport attempt grow with each attempt: 10..20,
 // 20..40, 30..60, 40..80 and finally 50..100 ms.
 static int wpacm_retry_wait_ms(int attempt) {
-    int base = attempt * 10;
+    int base = attempt * WPACM_REQUEST_RETRY_STEP_MS;
     return base + rand() % (base + 1);
 }
 

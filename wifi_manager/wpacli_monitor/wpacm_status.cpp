@@ -3,7 +3,7 @@
 #include <string.h>
 #include <wpa_ctrl.h>
 
-#include "wpacli_monitor.h"
+#include "wpacm_internal.h"
 
 #define WPACM_SCAN_RESULTS_HEADER "bssid / frequency / signal level / flags / ssid"
 

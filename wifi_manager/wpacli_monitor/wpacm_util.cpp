@@ -1,6 +1,6 @@
 // Small helpers shared by the controller's parsers and procedures, and the
 // table that maps wpa_supplicant's key management words to security kinds.
-#include "wpacli_monitor.h"
+#include "wpacm_internal.h"
 
 // Order matters: lookups by value take the first matching row, and the scan
 // and WPS parsers rely on it. Open networks carry proto "WPA" while WEP
@@ -47,6 +47,10 @@ int64_t wpacm_wall_ms(int64_t clock_ms) {
         return 0;
     }
     return clock_ms + (get_now_time_ms() - wpacm_clock_ms());
+}
+
+int64_t wpacm_schedule_clock(int64_t when) {
+    return when == 0 ? 1 : when;
 }
 
 time_t wpacm_clock_s() {
@@ -121,4 +125,28 @@ static bool wpacm_in_wpa2_family(WiFi_Security s) {
 bool wpacm_is_same_security(WiFi_Security a, WiFi_Security b) {
     return a == b || (wpacm_in_wpa_family(a) && wpacm_in_wpa_family(b)) ||
            (wpacm_in_wpa2_family(a) && wpacm_in_wpa2_family(b));
+}
+
+bool wpacm_is_same_network(const wifi_ap_info& a, const wifi_ap_info& b) {
+    return a.ssid == b.ssid && wpacm_is_same_security(a.security, b.security);
+}
+
+wifi_ap_info* wpacm_take_profile(std::vector<wifi_ap_info>& list, const wifi_ap_info& profile,
+                                 bool every_record) {
+    wifi_ap_info* first = nullptr;
+    for (wifi_ap_info& record : list) {
+        if (!wpacm_is_same_network(profile, record)) {
+            continue;
+        }
+        record.password = profile.password;
+        record.ascii_key = profile.ascii_key;
+        record.priority = profile.priority;
+        if (first == nullptr) {
+            first = &record;
+        }
+        if (!every_record) {
+            break;
+        }
+    }
+    return first;
 }

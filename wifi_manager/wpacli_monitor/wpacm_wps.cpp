@@ -5,7 +5,7 @@
 #include <wpa_ctrl.h>
 
 #include "../fixed_paths.h"
-#include "wpacli_monitor.h"
+#include "wpacm_internal.h"
 
 // Start from nothing: no network configured or saved.
 static void wpacm_prepare_wps(wpacli_monitor_data* data, struct wpa_ctrl* ctrl) {

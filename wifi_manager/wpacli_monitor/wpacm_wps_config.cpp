@@ -5,7 +5,7 @@
 #include <SimpleIni.h>
 
 #include "../fixed_paths.h"
-#include "wpacli_monitor.h"
+#include "wpacm_internal.h"
 
 #define WPACM_PIN_DIGITS 10000000u
 
