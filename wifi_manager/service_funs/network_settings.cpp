@@ -17,22 +17,6 @@
 #define SERVICE_DNS_MARKER "#wifi_manager"
 #define SERVICE_ADDRESS_TEXT_SIZE 46
 
-static std::string service_read_text_file(const char* path, bool* opened) {
-    std::string text;
-    FILE* fp = fopen(path, "r");
-    *opened = (fp != nullptr);
-    if (fp == nullptr) {
-        return text;
-    }
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), fp)) > 0) {
-        text.append(buf, n);
-    }
-    fclose(fp);
-    return text;
-}
-
 static std::vector<std::string> service_lines(const std::string& text) {
     std::vector<std::string> lines;
     size_t start = 0;
@@ -81,9 +65,9 @@ bool service_parse_gateway(const std::string& route_text, const std::string& net
 }
 
 int service_get_gateway(const std::string& net_interface, std::string& gateway) {
-    bool opened = false;
-    std::string text = service_read_text_file(WIFIM_ROUTE_FILE, &opened);
-    return opened && service_parse_gateway(text, net_interface, gateway);
+    std::string text;
+    return wifim_read_text_file(WIFIM_ROUTE_FILE, &text) &&
+           service_parse_gateway(text, net_interface, gateway);
 }
 
 static bool service_is_dns_marker(const std::string& line) {
@@ -112,8 +96,9 @@ void service_parse_dnsservers(const std::string& resolv_text,
 }
 
 bool service_get_dnsserver(std::vector<std::string>& dns_server_vector) {
-    bool opened = false;
-    std::string text = service_read_text_file(WIFIM_RESOLV_CONF_FILE, &opened);
+    std::string text;
+    // A missing file lists no servers.
+    wifim_read_text_file(WIFIM_RESOLV_CONF_FILE, &text);
     service_parse_dnsservers(text, dns_server_vector);
     return true;
 }

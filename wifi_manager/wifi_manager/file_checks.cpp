@@ -1,3 +1,4 @@
+#include <stdio.h>
 #include <sys/stat.h>
 
 #include "wifi_manager.h"
@@ -19,4 +20,19 @@ bool wifim_folder_exist(const char* path) {
     }
     struct stat st;
     return lstat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool wifim_read_text_file(const char* path, std::string* text) {
+    text->clear();
+    FILE* fp = fopen(path, "r");
+    if (fp == nullptr) {
+        return false;
+    }
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), fp)) > 0) {
+        text->append(buf, n);
+    }
+    fclose(fp);
+    return true;
 }

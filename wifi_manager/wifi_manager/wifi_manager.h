@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <string>
 
 #define WIFIM_VERSION "1.0.4"
 
@@ -59,8 +60,6 @@ void wifim_append_str_to_file(const char* filename, const char* msg, long file_m
 #define WIFIM_MAIN_LOG(level, fmt, ...) \
     WIFIM_LOG_AT(level, "wifi_manager.cpp", "main", fmt, ##__VA_ARGS__)
 
-// lstat-based existence checks: a symbolic link counts as a file whatever it
-// points to; a directory is not a file.
 // Ends the supervisor, or the process before it forks: one thread only, so
 // the exit handlers run alone.
 [[noreturn]] void wifim_exit(int status);
@@ -79,8 +78,13 @@ int64_t wifim_wall_clock_ms();
 // system clock would; lets tests step the clock without owning the host's.
 void wifim_step_wall_clock(int64_t delta_ms);
 
+// lstat-based existence checks: a symbolic link counts as a file whatever it
+// points to; a directory is not a file.
 bool wifim_file_exist(const char* path);
 bool wifim_folder_exist(const char* path);
+// The whole of a file as text; false (and text empty) when it cannot be
+// opened.
+bool wifim_read_text_file(const char* path, std::string* text);
 
 void wifim_display_help(const char* program_name);
 

@@ -31,16 +31,9 @@ static std::vector<wifi_ap_info> wpacm_read_saved_profiles(const std::string& co
         return {};
     }
     std::string text;
-    FILE* fp = fopen(config_file.c_str(), "rb");
-    if (fp == nullptr) {
+    if (!wifim_read_text_file(config_file.c_str(), &text)) {
         return {};
     }
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), fp)) > 0) {
-        text.append(buf, n);
-    }
-    fclose(fp);
     return wpacm_read_wpa_config_profiles(text);
 }
 
