@@ -47,15 +47,6 @@ TEST(ResultTables, ConnectAndWpsColumns) {
     EXPECT_EQ(service_connect_result(-1), API_FAIL);
 }
 
-TEST(SecurityNamesInReports, MixedKindsAreUnknown) {
-    const char* expected[] = {"unknown", "none", "wep",     "wpa",    "wpa",    "wpa",  "wpa",
-                              "wpa",     "wpa",  "unknown", "wpa2",   "wpa2",   "wpa2", "wpa2",
-                              "wpa2",    "wpa2", "unknown", "anywpa", "unknown"};
-    for (int s = 0; s <= 18; s++) {
-        EXPECT_STREQ(service_security_name(s), expected[s]) << s;
-    }
-}
-
 static const char* kRouteHeader =
     "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
 

@@ -190,3 +190,20 @@ TEST(ApRecord, NullRecordsAreIgnored) {
     copy_wifi_ap_info(&info, &info);
     EXPECT_EQ(info.ssid, "Office");
 }
+
+// The answers name the kinds otherwise than the file does, on purpose.
+TEST(SecurityNamesInReports, MixedKindsAreUnknown) {
+    const char* expected[] = {"unknown", "none", "wep",     "wpa",    "wpa",    "wpa",  "wpa",
+                              "wpa",     "wpa",  "unknown", "wpa2",   "wpa2",   "wpa2", "wpa2",
+                              "wpa2",    "wpa2", "unknown", "anywpa", "unknown"};
+    for (int s = 0; s <= 18; s++) {
+        EXPECT_STREQ(wapinfo_security_answer_name(static_cast<WiFi_Security>(s)), expected[s]) << s;
+    }
+    EXPECT_STREQ(wapinfo_security_answer_name(static_cast<WiFi_Security>(-1)), "unknown");
+}
+
+TEST(SecurityKinds, EveryKindHasOneRowOfNames) {
+    for (int value = WIFI_SECURITY_UNKNOWN; value <= WIFI_SECURITY_ANY_WPA; value++) {
+        EXPECT_EQ(g_wifi_security_kinds[value].value, value);
+    }
+}

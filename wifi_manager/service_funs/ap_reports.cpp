@@ -51,7 +51,8 @@ static void service_write_ap_entry(std::stringstream& out, const wifi_ap_info& e
                                    bool connected) {
     out << " <ap_data>" << std::endl;
     out << "  <ssid><![CDATA[" << entry.ssid << "]]></ssid>" << std::endl;
-    out << "  <security>" << service_security_name(entry.security) << "</security>" << std::endl;
+    out << "  <security>" << wapinfo_security_answer_name(entry.security) << "</security>"
+        << std::endl;
     out << "  <signal>" << entry.signal << "</signal>" << std::endl;
     out << "  <registered>" << (entry.saved ? 1 : 0) << "</registered>" << std::endl;
     out << "  <scanned>" << (entry.in_range ? 1 : 0) << "</scanned>" << std::endl;
@@ -93,7 +94,7 @@ static std::string service_connected_security(void* monitor_data, const std::str
         std::string name;
         for (const wifi_ap_info& entry : list) {
             if (service_is_connected_entry(entry, ssid, bssid)) {
-                name = service_security_name(entry.security);
+                name = wapinfo_security_answer_name(entry.security);
             }
         }
         if (!name.empty()) {

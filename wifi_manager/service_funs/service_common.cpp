@@ -1,72 +1,44 @@
-// What every answer shares: the XML envelope, the result codes of the
-// controller's statuses, and the security names of the reports.
+// What every answer shares: the XML envelope and the results of what the
+// controller's connect and WPS runs came to.
 #include "service_funs.h"
+#include "wpacli_monitor/wpacli_monitor.h"
 
-// Connect results for statuses 5..16; anything else is a plain failure. The
-// last entry (16, success of a job) counts as success too.
-static const wifi_manager_return_code g_connect_result_table[12] = {
-    API_SUCCESS,
-    API_CONNECT_DENIAL_BY_IP,
-    API_CONNECT_ASSOC_FAIL,
-    API_FAIL,
-    API_FAIL,
-    API_FAIL,
-    API_FAIL,
-    API_FAIL,
-    API_FAIL,
-    API_CONNECT_FAIL,
-    API_FAIL,
-    API_SUCCESS,
+// The result a connect (or reconnect) and a WPS request answer with for what
+// the controller's run came to. Every status not listed here is a plain
+// failure in both. A job's own success counts as a connection.
+struct service_status_result {
+    WiFi_Connection_Status status;
+    wifi_manager_return_code connect;
+    wifi_manager_return_code wps;
 };
-static const wifi_manager_return_code g_wps_result_table[12] = {
-    API_SUCCESS,
-    API_CONNECT_DENIAL_BY_IP,
-    API_CONNECT_ASSOC_FAIL,
-    API_FAIL,
-    API_FAIL,
-    API_WPS_OVERLAP,
-    API_SUCCESS,
-    API_FAIL,
-    API_TIMEOUT,
-    API_CONNECT_FAIL,
-    API_FAIL,
-    API_SUCCESS,
+static const service_status_result g_status_results[] = {
+    {WIFI_CONNECT_STATUS_CONNECTED, API_SUCCESS, API_SUCCESS},
+    {WIFI_CONNECT_STATUS_DENIAL_BY_IP, API_CONNECT_DENIAL_BY_IP, API_CONNECT_DENIAL_BY_IP},
+    {WIFI_CONNECT_STATUS_ASSOC_REJECT, API_CONNECT_ASSOC_FAIL, API_CONNECT_ASSOC_FAIL},
+    {WIFI_CONNECT_STATUS_WPS_OVERLAP, API_FAIL, API_WPS_OVERLAP},
+    {WIFI_CONNECT_STATUS_WPS_SUCCESS, API_FAIL, API_SUCCESS},
+    {WIFI_CONNECT_STATUS_WPS_TIMEOUT, API_FAIL, API_TIMEOUT},
+    {WIFI_CONNECT_STATUS_FAIL, API_CONNECT_FAIL, API_CONNECT_FAIL},
+    {WIFI_CONNECT_STATUS_SUCCESS, API_SUCCESS, API_SUCCESS},
 };
 
-static wifi_manager_return_code service_table_result(const wifi_manager_return_code* table,
-                                                     int status) {
-    if (status < 5 || status > 16) {
-        return API_FAIL;
+static const service_status_result* service_status_row(int status) {
+    for (const service_status_result& row : g_status_results) {
+        if (row.status == status) {
+            return &row;
+        }
     }
-    return table[status - 5];
+    return nullptr;
 }
 
 wifi_manager_return_code service_connect_result(int status) {
-    return service_table_result(g_connect_result_table, status);
+    const service_status_result* row = service_status_row(status);
+    return row == nullptr ? API_FAIL : row->connect;
 }
 
 wifi_manager_return_code service_wps_result(int status) {
-    return service_table_result(g_wps_result_table, status);
-}
-
-// The mixed PSK/EAP kinds are reported as unknown.
-const char* service_security_name(int security) {
-    if (security == 1) {
-        return "none";
-    }
-    if (security == 2) {
-        return "wep";
-    }
-    if (security >= 3 && security <= 8) {
-        return "wpa";
-    }
-    if (security >= 10 && security <= 15) {
-        return "wpa2";
-    }
-    if (security == 17) {
-        return "anywpa";
-    }
-    return "unknown";
+    const service_status_result* row = service_status_row(status);
+    return row == nullptr ? API_FAIL : row->wps;
 }
 
 void service_begin_answer(std::stringstream& response_stream, const char* root, int result) {

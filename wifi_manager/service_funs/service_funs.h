@@ -49,8 +49,6 @@ long long service_elapsed_ms(long start_sec, long start_usec, long end_sec, long
 // Result of a connect or reconnect, and of a WPS run, for a controller status.
 wifi_manager_return_code service_connect_result(int status);
 wifi_manager_return_code service_wps_result(int status);
-// Security name written in the AP reports.
-const char* service_security_name(int security);
 
 // The handlers, in the order the device's request vocabulary lists them.
 void service_get_ap_list(CSimpleIniA& receive_data, std::stringstream& response_stream,

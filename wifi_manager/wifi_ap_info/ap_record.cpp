@@ -16,6 +16,27 @@ const wifi_security g_wifi_security_array[WIFI_SECURITY_NAME_COUNT] = {
     {"anywpa", WIFI_SECURITY_ANY_WPA},
 };
 
+const wifi_security_kind g_wifi_security_kinds[WIFI_SECURITY_KIND_COUNT] = {
+    {WIFI_SECURITY_UNKNOWN, WIFI_SECURITY_UNKNOWN, "unknown"},
+    {WIFI_SECURITY_NONE, WIFI_SECURITY_NONE, "none"},
+    {WIFI_SECURITY_WEP, WIFI_SECURITY_WEP, "wep"},
+    {WIFI_SECURITY_WPA_PSK_TKIP, WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES, "wpa"},
+    {WIFI_SECURITY_WPA_PSK_AES, WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES, "wpa"},
+    {WIFI_SECURITY_WPA_PSK_TKIP_AES, WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES, "wpa"},
+    {WIFI_SECURITY_WPA_EAP_TKIP, WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES, "wpa"},
+    {WIFI_SECURITY_WPA_EAP_AES, WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES, "wpa"},
+    {WIFI_SECURITY_WPA_EAP_TKIP_AES, WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES, "wpa"},
+    {WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES, WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES, "unknown"},
+    {WIFI_SECURITY_WPA2_PSK_TKIP, WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES, "wpa2"},
+    {WIFI_SECURITY_WPA2_PSK_AES, WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES, "wpa2"},
+    {WIFI_SECURITY_WPA2_PSK_TKIP_AES, WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES, "wpa2"},
+    {WIFI_SECURITY_WPA2_EAP_TKIP, WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES, "wpa2"},
+    {WIFI_SECURITY_WPA2_EAP_AES, WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES, "wpa2"},
+    {WIFI_SECURITY_WPA2_EAP_TKIP_AES, WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES, "wpa2"},
+    {WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES, WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES, "unknown"},
+    {WIFI_SECURITY_ANY_WPA, WIFI_SECURITY_ANY_WPA, "anywpa"},
+};
+
 void clear_wifi_ap_info(wifi_ap_info* info) {
     if (info == nullptr) {
         return;
@@ -64,26 +85,21 @@ static const char* wapinfo_first_name_of(WiFi_Security value) {
     return nullptr;
 }
 
-// A WPA or WPA2 kind with a specific cipher or key management has no name of
-// its own: the profile file keeps only its generation.
-static WiFi_Security wapinfo_generation_of(WiFi_Security value) {
-    if (value >= WIFI_SECURITY_WPA_PSK_TKIP && value <= WIFI_SECURITY_WPA_EAP_TKIP_AES) {
-        return WIFI_SECURITY_WPA_PSK_EAP_TKIP_AES;
+static const wifi_security_kind* wapinfo_kind_of(WiFi_Security value) {
+    for (const wifi_security_kind& kind : g_wifi_security_kinds) {
+        if (kind.value == value) {
+            return &kind;
+        }
     }
-    if (value >= WIFI_SECURITY_WPA2_PSK_TKIP && value <= WIFI_SECURITY_WPA2_EAP_TKIP_AES) {
-        return WIFI_SECURITY_WPA2_PSK_EAP_TKIP_AES;
-    }
-    return value;
+    return nullptr;
 }
 
 const char* wapinfo_security_to_name(WiFi_Security value) {
-    const char* name = wapinfo_first_name_of(value);
-    if (name != nullptr) {
-        return name;
-    }
-    WiFi_Security generation = wapinfo_generation_of(value);
-    if (generation == value) {
-        return nullptr;
-    }
-    return wapinfo_first_name_of(generation);
+    const wifi_security_kind* kind = wapinfo_kind_of(value);
+    return kind == nullptr ? nullptr : wapinfo_first_name_of(kind->file_value);
+}
+
+const char* wapinfo_security_answer_name(WiFi_Security value) {
+    const wifi_security_kind* kind = wapinfo_kind_of(value);
+    return kind == nullptr ? "unknown" : kind->answer_name;
 }

@@ -63,12 +63,27 @@ extern const wifi_security g_wifi_security_array[WIFI_SECURITY_NAME_COUNT];
 void clear_wifi_ap_info(wifi_ap_info* info);
 void copy_wifi_ap_info(wifi_ap_info* dst, const wifi_ap_info* src);
 
+// What each kind is called, in the profile file and in the answers to
+// clients; the two differ on purpose. The file stores a WPA or WPA2 kind of
+// one cipher or key management under its generation's name, and "any WPA"
+// under the first of its synonyms ("mixed"). The answers show the two kinds
+// that mix PSK and EAP as "unknown", and "any WPA" as "anywpa".
+struct wifi_security_kind {
+    WiFi_Security value;
+    WiFi_Security file_value;  // the kind whose name (first row) the file stores
+    const char* answer_name;
+};
+#define WIFI_SECURITY_KIND_COUNT 18
+extern const wifi_security_kind g_wifi_security_kinds[WIFI_SECURITY_KIND_COUNT];
+
 // Name to kind, ignoring case. False when no row has that name; "unknown" is
 // found and gives WIFI_SECURITY_UNKNOWN.
 bool wapinfo_security_from_name(const char* name, WiFi_Security* value);
-// Kind to name: the first row holding the kind, else the generation's name
-// ("wpa" for 3..8, "wpa2" for 10..15). Null for a kind that has no name.
+// Kind to the name the profile file stores it under. Null for a value that
+// is no kind.
 const char* wapinfo_security_to_name(WiFi_Security value);
+// Kind to the name answers show; "unknown" for a value that is no kind.
+const char* wapinfo_security_answer_name(WiFi_Security value);
 
 // The interface's IP settings as stored in the profile file.
 struct wifi_network_setting {
