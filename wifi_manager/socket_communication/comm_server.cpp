@@ -12,6 +12,7 @@
 
 #include <new>
 
+#include "../slot_list.h"
 #include "comm_internal.h"
 
 #define COMM_SOCKET_MODE 0666
@@ -67,43 +68,15 @@ static void comm_release_server(communication_server_data* server) {
     }
 }
 
-static void comm_unlink_in_use(communication_server_data* server, service_thread_data* slot) {
-    service_thread_data** link = &server->in_used_list;
-    while (*link != nullptr) {
-        if (*link == slot) {
-            *link = slot->next_data;
-            return;
-        }
-        link = &(*link)->next_data;
-    }
-}
-
 // Slots whose thread is alive go before slots that would need a new thread,
-// so live threads are reused first. The last slot of the list is never
-// examined: a slot that found no place before it goes to the end.
+// so live threads are reused first.
 static void comm_insert_unused(communication_server_data* server, service_thread_data* slot) {
-    slot->next_data = nullptr;
-    service_thread_data* head = server->unuse_list;
-    if (head == nullptr) {
-        server->unuse_list = slot;
-        return;
-    }
-    service_thread_data* prev = nullptr;
-    service_thread_data* cur = head;
-    while (cur->next_data != nullptr) {
-        if (cur->thread_id == 0 && slot->thread_id != 0) {
-            slot->next_data = cur;
-            if (prev == nullptr) {
-                server->unuse_list = slot;
-            } else {
-                prev->next_data = slot;
-            }
-            return;
-        }
-        prev = cur;
-        cur = cur->next_data;
-    }
-    cur->next_data = slot;
+    wifim_slot_list_insert(
+        &server->unuse_list, slot, &service_thread_data::next_data,
+        [slot](const service_thread_data& other) {
+            return other.thread_id == 0 && slot->thread_id != 0;
+        },
+        false);
 }
 
 void commsvr_return_thread_data_to_unused_list(communication_server_data* commsvr_data,
@@ -113,12 +86,10 @@ void commsvr_return_thread_data_to_unused_list(communication_server_data* commsv
     }
     thread_data->request_start_clock = 0;
     thread_data->socket = 0;
-    comm_unlink_in_use(commsvr_data, thread_data);
-    bool listed = false;
-    for (service_thread_data* s = commsvr_data->unuse_list; s != nullptr; s = s->next_data) {
-        listed = listed || s->index == thread_data->index;
-    }
-    if (!listed) {
+    wifim_slot_list_unlink(&commsvr_data->in_used_list, thread_data,
+                           &service_thread_data::next_data);
+    if (!wifim_slot_list_holds(commsvr_data->unuse_list, thread_data,
+                               &service_thread_data::next_data)) {
         comm_insert_unused(commsvr_data, thread_data);
     }
     if (lock_mutex) {
@@ -213,14 +184,13 @@ static bool comm_start_service_thread(communication_server_data* server,
 static service_thread_data* comm_take_free_slot(communication_server_data* server) {
     pthread_mutex_lock(&server->thread_data_mutex);
     while (!server->stop_service) {
-        service_thread_data* slot = server->unuse_list;
+        service_thread_data* slot =
+            wifim_slot_list_take(&server->unuse_list, &service_thread_data::next_data);
         if (slot == nullptr) {
             comm_wait_one_second(server);
             continue;
         }
-        server->unuse_list = slot->next_data;
-        slot->next_data = server->in_used_list;
-        server->in_used_list = slot;
+        wifim_slot_list_push(&server->in_used_list, slot, &service_thread_data::next_data);
         if (slot->thread_id != 0 || comm_start_service_thread(server, slot)) {
             pthread_mutex_unlock(&server->thread_data_mutex);
             return slot;
@@ -308,14 +278,15 @@ static communication_server_data* comm_new_server(const char* socket_file, int m
     server->max_threads = max_threads;
     server->stop_service = 0;
     server->holders = 1;
+    // Every slot free, in index order.
+    server->unuse_list = nullptr;
+    server->in_used_list = nullptr;
     for (int i = 0; i < max_threads; i++) {
         service_thread_data* slot = &server->thread_data_array[i];
         slot->index = i;
         slot->comsvr_data = server;
-        slot->next_data = (i + 1 < max_threads) ? &server->thread_data_array[i + 1] : nullptr;
+        wifim_slot_list_append(&server->unuse_list, slot, &service_thread_data::next_data);
     }
-    server->unuse_list = &server->thread_data_array[0];
-    server->in_used_list = nullptr;
     return server;
 }
 

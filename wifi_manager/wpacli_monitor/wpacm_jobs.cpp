@@ -2,6 +2,7 @@
 // wait for its result; the worker's pings to its supervisor start here too.
 #include <unistd.h>
 
+#include "../slot_list.h"
 #include "wpacm_internal.h"
 
 const char* wpacm_priority_word(bool high_priority) {
@@ -52,7 +53,7 @@ void wpacm_init_job_queue(wpa_request* request) {
 }
 
 void wpacm_reset_job_queue(wpa_request* request) {
-    wpacm_job_data_struct** free_tail = &request->unused_job_list;
+    request->unused_job_list = nullptr;
     for (int i = 0; i < WPACM_JOB_SLOTS; i++) {
         wpacm_job_data_struct* slot = &request->job_array[i];
         if (slot == request->running_job) {
@@ -62,46 +63,22 @@ void wpacm_reset_job_queue(wpa_request* request) {
         wpacm_next_generation(slot);
         slot->request_timeout_ms = 0;
         slot->job_index = static_cast<uint32_t>(i + 1);
-        *free_tail = slot;
-        free_tail = &slot->next;
+        wifim_slot_list_append(&request->unused_job_list, slot, &wpacm_job_data_struct::next);
     }
-    *free_tail = nullptr;
     request->in_used_job_list = nullptr;
     request->heigh_priority_request = false;
     request->reset_count++;
 }
 
-// High-priority jobs go before the first normal one, except that the last
-// slot of a queue of two or more is never looked at: the device has always
-// queued that way, and callers' timing depends on it.
+// High-priority jobs go before the first normal one (a lone normal job
+// too); normal jobs go to the tail.
 static void wpacm_insert_in_use(wpa_request* request, wpacm_job_data_struct* slot) {
-    slot->next = nullptr;
-    wpacm_job_data_struct* head = request->in_used_job_list;
-    if (head == nullptr) {
-        request->in_used_job_list = slot;
-        return;
-    }
-    if (slot->high_priority && !head->high_priority) {
-        slot->next = head;
-        request->in_used_job_list = slot;
-        return;
-    }
-    wpacm_job_data_struct* prev = head;
-    if (slot->high_priority) {
-        for (wpacm_job_data_struct* cur = head->next; cur != nullptr && cur->next != nullptr;
-             cur = cur->next) {
-            if (!cur->high_priority) {
-                slot->next = cur;
-                prev->next = slot;
-                return;
-            }
-            prev = cur;
-        }
-    }
-    while (prev->next != nullptr) {
-        prev = prev->next;
-    }
-    prev->next = slot;
+    wifim_slot_list_insert(
+        &request->in_used_job_list, slot, &wpacm_job_data_struct::next,
+        [slot](const wpacm_job_data_struct& other) {
+            return slot->high_priority && !other.high_priority;
+        },
+        true);
 }
 
 wpacm_job_data_struct* wpacm_new_job(void* monitor_data, JobID job_id, const wifi_ap_info* ap_info,
@@ -120,8 +97,8 @@ wpacm_job_data_struct* wpacm_new_job(void* monitor_data, JobID job_id, const wif
     while (request->unused_job_list == nullptr) {
         wpacm_wait_job_condition(request);
     }
-    wpacm_job_data_struct* slot = request->unused_job_list;
-    request->unused_job_list = slot->next;
+    wpacm_job_data_struct* slot =
+        wifim_slot_list_take(&request->unused_job_list, &wpacm_job_data_struct::next);
     clear_wpacm_job_data(slot);
     wpacm_next_generation(slot);
     if (generation != nullptr) {
@@ -174,29 +151,6 @@ WiFi_Connection_Status wpacm_wait_job(void* monitor_data, wpacm_job_data_struct*
     return result;
 }
 
-static void wpacm_unlink_in_use(wpa_request* request, uint32_t job_index) {
-    wpacm_job_data_struct** link = &request->in_used_job_list;
-    while (*link != nullptr) {
-        if ((*link)->job_index == job_index) {
-            *link = (*link)->next;
-            return;
-        }
-        link = &(*link)->next;
-    }
-}
-
-static void wpacm_append_unused(wpa_request* request, wpacm_job_data_struct* slot) {
-    wpacm_job_data_struct** link = &request->unused_job_list;
-    while (*link != nullptr) {
-        if ((*link)->job_index == slot->job_index) {
-            return;
-        }
-        link = &(*link)->next;
-    }
-    slot->next = nullptr;
-    *link = slot;
-}
-
 wpacm_job_data_struct* wpacm_take_job(wpa_request* request) {
     wpacm_job_data_struct* job = request->in_used_job_list;
     request->running_job = job;
@@ -220,8 +174,10 @@ void wpacm_update_job_result(void* monitor_data, wpacm_job_data_struct* job_data
     if (request->running_job == job_data) {
         request->running_job = nullptr;
     }
-    wpacm_unlink_in_use(request, job_data->job_index);
-    wpacm_append_unused(request, job_data);
+    wifim_slot_list_unlink(&request->in_used_job_list, job_data, &wpacm_job_data_struct::next);
+    if (!wifim_slot_list_holds(request->unused_job_list, job_data, &wpacm_job_data_struct::next)) {
+        wifim_slot_list_append(&request->unused_job_list, job_data, &wpacm_job_data_struct::next);
+    }
     WPACM_LOG(LOG_Info,
               "updated result, index:%d, priority:%s, Job ID:%d, result:%d, time out:%lld/%lld",
               job_data->job_index, wpacm_priority_word(job_data->high_priority), job_data->job_id,
