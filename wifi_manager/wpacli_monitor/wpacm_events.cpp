@@ -77,9 +77,8 @@ wpacm_event_kind wpacm_classify_event(const char* text) {
 // The link is gone: the station is looked after again in a few seconds.
 static void wpacm_on_disconnected(wpacli_monitor_data* data) {
     unlink(WIFIM_CONNECTED_MARKER_FILE);
-    int64_t when = wpacm_schedule_clock(wpacm_clock_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS);
-    data->next_scan_clock = when;
-    data->next_connect_clock = when;
+    wpacm_schedule_scan_and_connect(
+        data, wpacm_schedule_clock(wpacm_clock_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS));
     if (data->continue_scan_request <= 2) {
         data->continue_scan_request = 3;
     }

@@ -243,6 +243,9 @@ int64_t wpacm_wall_ms(int64_t clock_ms);
 time_t wpacm_clock_s();
 // A scheduled clock never reads 0, which means "not scheduled".
 int64_t wpacm_schedule_clock(int64_t when);
+// The next scan and the next automatic connection, both at when: a
+// connection is decided after a scan.
+void wpacm_schedule_scan_and_connect(wpacli_monitor_data* data, int64_t when);
 
 // ---------------------------------------------------------------------------
 // The job queue and the watchdog
@@ -325,6 +328,10 @@ void wpacm_age_scan_list(std::map<std::string, wifi_scan_ap_info>* list, int64_t
 bool wpacm_update_status(struct wpa_ctrl* ctrl, void* monitor_data);
 void wpacm_get_last_status(void* monitor_data, wpa_supplicant_status* status);
 bool wpacm_update_scan_result(void* monitor_data, struct wpa_ctrl* ctrl);
+// What the station is after a connect or WPS run: pings the supervisor,
+// refreshes the STATUS snapshot and copies it to status.
+void wpacm_status_after_run(wpacli_monitor_data* data, struct wpa_ctrl* ctrl,
+                            wpa_supplicant_status* status);
 
 // ---------------------------------------------------------------------------
 // Connect and WPS procedures (service loop thread only)

@@ -78,12 +78,6 @@ WiFi_Connection_Status wpacm_run_scan_job(wpacm_loop_state* loop, wpacm_job_data
     return WIFI_CONNECT_STATUS_SUCCESS;
 }
 
-static void wpacm_reschedule_after_disconnect(wpacli_monitor_data* data) {
-    int64_t when = wpacm_clock_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS;
-    data->next_connect_clock = when;
-    data->next_scan_clock = when;
-}
-
 // The result is posted as soon as the link is down; the clean-up that
 // follows does not hold the caller up.
 void wpacm_run_disconnect_job(wpacm_loop_state* loop, wpacm_job_data_struct* job) {
@@ -95,7 +89,8 @@ void wpacm_run_disconnect_job(wpacm_loop_state* loop, wpacm_job_data_struct* job
             WPACM_LOG_AS(wpacm_service, LOG_Error, "Discinnect fail!!");
         }
         if (wpacm_wait_for_event(loop, job, WIFI_CONNECT_STATUS_DISCONNECTED)) {
-            wpacm_reschedule_after_disconnect(data);
+            wpacm_schedule_scan_and_connect(data,
+                                            wpacm_clock_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS);
         } else {
             result = WIFI_CONNECT_STATUS_FAIL;
         }
@@ -109,6 +104,6 @@ void wpacm_run_disconnect_job(wpacm_loop_state* loop, wpacm_job_data_struct* job
     wpacm_clear_all_event(loop->event_ctrl);
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     unlink(WIFIM_CONNECTED_MARKER_FILE);
-    wpacm_reschedule_after_disconnect(data);
+    wpacm_schedule_scan_and_connect(data, wpacm_clock_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS);
     loop->no_profile_count = 0;
 }

@@ -8,9 +8,31 @@ static wpacli_monitor_data* wpacm_data(void* monitor_data) {
 }
 
 static void wpacm_back_off(wpacli_monitor_data* data) {
-    int64_t when = wpacm_clock_ms() + WPACM_BACKOFF_AFTER_REQUEST_MS;
-    data->next_connect_clock = when;
-    data->next_scan_clock = when;
+    wpacm_schedule_scan_and_connect(data, wpacm_clock_ms() + WPACM_BACKOFF_AFTER_REQUEST_MS);
+}
+
+// After a client's connect or WPS run the automatic scan and connection wait
+// a while, unless the run succeeded (a bare CONNECTED counts as not: the
+// device has always backed off then too).
+static void wpacm_back_off_unless_success(wpacli_monitor_data* data,
+                                          WiFi_Connection_Status result) {
+    if (result != WIFI_CONNECT_STATUS_WPS_SUCCESS && result != WIFI_CONNECT_STATUS_SUCCESS) {
+        wpacm_back_off(data);
+    }
+}
+
+// Posts a high-priority job for the service loop and waits until the loop
+// has run it or its time-out has passed; *result is what it came to (and
+// the job's record is copied to ap_info_out when given). False when the
+// queue did not take the job.
+static bool wpacm_request_job(wpacli_monitor_data* data, JobID kind, const wifi_ap_info* ap_info,
+                              const std::string& wps_pin, int timeout_ms, wifi_ap_info* ap_info_out,
+                              WiFi_Connection_Status* result) {
+    uint32_t generation = 0;
+    wpacm_job_data_struct* job =
+        wpacm_new_job(data, kind, ap_info, wps_pin, timeout_ms, true, &generation);
+    *result = wpacm_wait_job(data, job, ap_info_out, generation);
+    return job != nullptr;
 }
 
 // A request thread that cannot lock the profiles gives up its operation;
@@ -53,14 +75,12 @@ void wpacm_set_enable(void* monitor_data, bool enable) {
     }
     if (enable) {
         data->continue_scan_request = 1;
-        int64_t when = wpacm_schedule_clock(wpacm_clock_ms() + WPACM_ENABLE_DELAY_MS);
-        data->next_connect_clock = when;
-        data->next_scan_clock = when;
+        wpacm_schedule_scan_and_connect(
+            data, wpacm_schedule_clock(wpacm_clock_ms() + WPACM_ENABLE_DELAY_MS));
     } else {
-        uint32_t generation = 0;
-        wpacm_job_data_struct* job = wpacm_new_job(data, JobID_Disconnect, nullptr, "",
-                                                   WPACM_DISABLE_TIMEOUT_MS, true, &generation);
-        wpacm_wait_job(data, job, nullptr, generation);
+        WiFi_Connection_Status ignored;
+        wpacm_request_job(data, JobID_Disconnect, nullptr, "", WPACM_DISABLE_TIMEOUT_MS, nullptr,
+                          &ignored);
     }
     data->enable_feature = enable;
     wpacm_write_back_profiles(data);
@@ -72,16 +92,12 @@ int wpacm_connect_to_ap(void* monitor_data, wifi_ap_info* ap_info_data) {
     if (data == nullptr || !call.entered) {
         return WIFI_CONNECT_STATUS_UNKNOW;
     }
-    uint32_t generation = 0;
-    wpacm_job_data_struct* job = wpacm_new_job(data, JobID_ConnectAP, ap_info_data, "",
-                                               WPACM_CONNECT_TIMEOUT_MS, true, &generation);
-    if (job == nullptr) {
+    WiFi_Connection_Status result;
+    if (!wpacm_request_job(data, JobID_ConnectAP, ap_info_data, "", WPACM_CONNECT_TIMEOUT_MS,
+                           nullptr, &result)) {
         return WIFI_CONNECT_STATUS_UNKNOW;
     }
-    WiFi_Connection_Status result = wpacm_wait_job(data, job, nullptr, generation);
-    if (result != WIFI_CONNECT_STATUS_WPS_SUCCESS && result != WIFI_CONNECT_STATUS_SUCCESS) {
-        wpacm_back_off(data);
-    }
+    wpacm_back_off_unless_success(data, result);
     return result;
 }
 
@@ -93,10 +109,9 @@ bool wpacm_get_connected_ssid(void* monitor_data, std::string& ssid, std::string
     if (data == nullptr || !call.entered) {
         return false;
     }
-    uint32_t generation = 0;
-    wpacm_job_data_struct* job = wpacm_new_job(data, JobID_GetStatus, nullptr, "",
-                                               WPACM_STATUS_TIMEOUT_MS, true, &generation);
-    wpacm_wait_job(data, job, nullptr, generation);
+    WiFi_Connection_Status ignored;
+    wpacm_request_job(data, JobID_GetStatus, nullptr, "", WPACM_STATUS_TIMEOUT_MS, nullptr,
+                      &ignored);
     wpa_supplicant_status status;
     wpacm_get_last_status(data, &status);
     if (status.ssid.empty() || status.wpa_state != "COMPLETED") {
@@ -136,13 +151,11 @@ bool wpacm_disconnect(void* monitor_data) {
     if (ssid.empty()) {
         return false;
     }
-    uint32_t generation = 0;
-    wpacm_job_data_struct* job = wpacm_new_job(data, JobID_Disconnect, nullptr, "",
-                                               WPACM_DISCONNECT_TIMEOUT_MS, true, &generation);
-    if (job == nullptr) {
+    WiFi_Connection_Status result;
+    if (!wpacm_request_job(data, JobID_Disconnect, nullptr, "", WPACM_DISCONNECT_TIMEOUT_MS,
+                           nullptr, &result)) {
         return false;
     }
-    WiFi_Connection_Status result = wpacm_wait_job(data, job, nullptr, generation);
     if (!wpacm_lock_profiles(data, __func__)) {
         return false;
     }
@@ -162,16 +175,12 @@ int wpacm_wps(void* monitor_data, const std::string& pin_data, wifi_ap_info* ap_
         clear_wifi_ap_info(ap_info_data);
     }
     JobID kind = pin_data.empty() ? JobID_WPS_PBC : JobID_WPS_PIN;
-    uint32_t generation = 0;
-    wpacm_job_data_struct* job =
-        wpacm_new_job(data, kind, nullptr, pin_data, WPACM_WPS_TIMEOUT_MS, true, &generation);
-    if (job == nullptr) {
+    WiFi_Connection_Status result;
+    if (!wpacm_request_job(data, kind, nullptr, pin_data, WPACM_WPS_TIMEOUT_MS, ap_info_data,
+                           &result)) {
         return WIFI_CONNECT_STATUS_UNKNOW;
     }
-    WiFi_Connection_Status result = wpacm_wait_job(data, job, ap_info_data, generation);
-    if (result != WIFI_CONNECT_STATUS_WPS_SUCCESS && result != WIFI_CONNECT_STATUS_SUCCESS) {
-        wpacm_back_off(data);
-    }
+    wpacm_back_off_unless_success(data, result);
     return result;
 }
 

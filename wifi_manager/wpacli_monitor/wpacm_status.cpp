@@ -30,9 +30,7 @@ bool wpacm_update_status(struct wpa_ctrl* ctrl, void* monitor_data) {
     bool connected = wpacm_parse_status(reply, &status);
     if (!connected && data->next_connect_clock == 0) {
         // A station that lost its link is looked after again soon.
-        int64_t when = wpacm_clock_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS;
-        data->next_scan_clock = when;
-        data->next_connect_clock = when;
+        wpacm_schedule_scan_and_connect(data, wpacm_clock_ms() + WPACM_RESCHEDULE_AFTER_DROP_MS);
     }
     // The service loop never waits for a reader.
     if (pthread_mutex_trylock(&scan->scan_result_mutex) != 0) {
@@ -55,6 +53,13 @@ void wpacm_get_last_status(void* monitor_data, wpa_supplicant_status* status) {
     }
     copy_wpa_supplicant_status(status, &data->scan_result.last_status);
     pthread_mutex_unlock(&data->scan_result.scan_result_mutex);
+}
+
+void wpacm_status_after_run(wpacli_monitor_data* data, struct wpa_ctrl* ctrl,
+                            wpa_supplicant_status* status) {
+    wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
+    wpacm_update_status(ctrl, data);
+    wpacm_get_last_status(data, status);
 }
 
 bool wpacm_update_scan_result(void* monitor_data, struct wpa_ctrl* ctrl) {

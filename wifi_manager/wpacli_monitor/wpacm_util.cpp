@@ -53,6 +53,11 @@ int64_t wpacm_schedule_clock(int64_t when) {
     return when == 0 ? 1 : when;
 }
 
+void wpacm_schedule_scan_and_connect(wpacli_monitor_data* data, int64_t when) {
+    data->next_connect_clock = when;
+    data->next_scan_clock = when;
+}
+
 time_t wpacm_clock_s() {
     return static_cast<time_t>(wifim_monotonic_ms() / 1000);
 }

@@ -58,10 +58,8 @@ int wpacm_wps_private(void* monitor_data, wpacm_job_data_struct* job_data,
     WiFi_Connection_Status result =
         wpacm_wait_job_outcome(data, job_data, wpa_event_ctrl, wpacm_wps_outcome);
 
-    wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
-    wpacm_update_status(wpa_command_ctrl, data);
     wpa_supplicant_status status;
-    wpacm_get_last_status(data, &status);
+    wpacm_status_after_run(data, wpa_command_ctrl, &status);
     wpacm_touch_watchdog(data, WPACM_WATCHDOG_NORMAL_S);
     if (result != WIFI_CONNECT_STATUS_WPS_SUCCESS || status.wpa_state != "COMPLETED") {
         WPACM_LOG(LOG_Error,
