@@ -8,6 +8,8 @@ sim=$build/tests/wpa_sim/wpa_sim
 bench=$build/bench/wifim_bench
 requests=${BENCH_REQUESTS:-10000}
 idle_s=${BENCH_IDLE_S:-60}
+mixed=${BENCH_MIXED:-10000}
+armhf_build=${BENCH_ARMHF_BUILD:-}
 socket=/tmp/wifi_manager.socket
 
 # --- the simulated world: 30 networks in range, 10 of them registered
@@ -72,6 +74,14 @@ worker=$(child_of "$sup")
 sup_rss0=$(rss_kib "$sup"); sup_pss0=$(pss_kib "$sup")
 rss0=$(rss_kib "$worker"); pss0=$(pss_kib "$worker"); threads0=$(threads "$worker")
 
+# Memory over a long run: GetAPList and GetNetSetting by turns, measured
+# after 200 requests of warm-up (the service threads come into being then).
+echo "memory: 200 requests of warm-up, then $mixed mixed requests..." >&2
+"$bench" mixed $socket 200 >/dev/null
+sim_rss_warm=$(rss_kib "$worker")
+"$bench" mixed $socket "$mixed" >/dev/null
+sim_rss_mixed=$(rss_kib "$worker")
+
 echo "round trips: $requests requests of each kind..." >&2
 req=$("$bench" requests $socket "$requests")
 sup_rss1=$(rss_kib "$sup"); sup_pss1=$(pss_kib "$sup")
@@ -104,25 +114,42 @@ sleep 0.5
 "$bin" -c /tmp/wpa_real.conf -i wlan1 -m 10
 for _ in $(seq 100); do [ -S $socket ] && break; sleep 0.05; done
 sleep 1
-echo "the client beside wpa_cli..." >&2
-cli=$("$bench" run 300 "$bin" -C "function=GetNetSetting")
-wpacli=$("$bench" run 300 wpa_cli -p /tmp/wpa_real -i wlan1 status)
-wpa_rss=$(rss_kib "$(cat /tmp/wpa_real.pid)")
+echo "memory beside wpa_supplicant: 200 requests of warm-up, then $mixed mixed..." >&2
 real_worker=$(child_of "$(supervisor_of)")
+"$bench" mixed $socket 200 >/dev/null
+real_rss_warm=$(rss_kib "$real_worker")
+"$bench" mixed $socket "$mixed" >/dev/null
 real_worker_rss=$(rss_kib "$real_worker")
+wpa_rss=$(rss_kib "$(cat /tmp/wpa_real.pid)")
+echo "the client beside wpa_cli, by turns..." >&2
+pair=$("$bench" pair 300 "$bin" -C "function=GetNetSetting" -- wpa_cli -p /tmp/wpa_real -i wlan1 status)
+[[ $pair =~ \"a\":(\{[^}]*\}) ]] && cli=${BASH_REMATCH[1]}
+[[ $pair =~ \"b\":(\{[^}]*\}) ]] && wpacli=${BASH_REMATCH[1]}
+arm_cli=null
+if [ -n "$armhf_build" ] && [ -e /proc/sys/fs/binfmt_misc/qemu-arm ]; then
+  echo "the ARM client under emulation..." >&2
+  arm_cli=$(QEMU_LD_PREFIX=/usr/arm-linux-gnueabihf "$bench" run 100 \
+    "$armhf_build/wifi_manager/wifi_manager" -C "function=GetNetSetting")
+fi
 
 strip -o /tmp/wifi_manager.stripped "$bin"
 size=$(stat -c %s /tmp/wifi_manager.stripped)
 cli_med=$(top "$cli" median_us); wpacli_med=$(top "$wpacli" median_us)
-ratio=$(awk -v a="$cli_med" -v b="$wpacli_med" 'BEGIN {printf "%.2f", a / b}')
+ratio=$(awk -v r="$(top "$pair" ratio)" 'BEGIN {printf "%.2f", r}')
+ratio_of() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2f", a / b}'; }
+sim_growth=$((sim_rss_mixed - sim_rss_warm))
+real_growth=$((real_worker_rss - real_rss_warm))
+growth=$((sim_growth > real_growth ? sim_growth : real_growth))
 
 json="{\"machine\":\"$(nproc) cores, $(uname -m), $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)\","
 json+="\"requests\":$req,\"throughput\":$thr,\"connect\":$con,"
-json+="\"client\":{\"wifi_manager_C\":$cli,\"wpa_cli_status\":$wpacli,\"ratio\":$ratio},"
+json+="\"client\":{\"wifi_manager_C\":$cli,\"wpa_cli_status\":$wpacli,\"ratio\":$ratio,\"armhf_emulated\":$arm_cli},"
+json+="\"mixed_requests\":$mixed,\"worker_growth_kib\":{\"simulator\":$sim_growth,\"wpa_supplicant\":$real_growth},"
 json+="\"memory_kib\":{\"supervisor_rss_start\":$sup_rss0,\"supervisor_pss_start\":$sup_pss0,"
 json+="\"supervisor_rss_after\":$sup_rss1,\"supervisor_pss_after\":$sup_pss1,"
 json+="\"worker_rss_start\":$rss0,\"worker_pss_start\":$pss0,\"worker_rss_after\":$rss1,"
 json+="\"worker_pss_after\":$pss1,\"worker_rss_with_wpa_supplicant\":$real_worker_rss,"
+json+="\"worker_rss_after_warm_up_with_simulator\":$sim_rss_warm,\"worker_rss_after_mixed_with_simulator\":$sim_rss_mixed,"
 json+="\"wpa_supplicant_rss\":$wpa_rss},"
 json+="\"worker_threads\":{\"start\":$threads0,\"after\":$threads1},"
 json+="\"stripped_executable_bytes\":$size,"
@@ -131,6 +158,26 @@ echo "$json" >"$build/bench.json"
 
 echo
 echo "Machine: $(nproc) cores, $(uname -m); requests per kind: $requests"
+echo
+echo "Targets, each as a ratio against its anchor (at or below 1.00 meets it):"
+printf '| %-52s | %10s | %12s | %6s |\n' "Target" "measure" "anchor" "ratio"
+printf '|%s|%s|%s|%s|\n' "------------------------------------------------------" "------------" "--------------" "--------"
+printf '| %-52s | %7s µs | %9s µs | %6s |\n' "client: -C GetNetSetting / wpa_cli status, medians" \
+  "$cli_med" "$wpacli_med" "$ratio"
+printf '| %-52s | %6s KiB | %10s KiB | %6s |\n' "worker RSS after $mixed requests / wpa_supplicant's" \
+  "$real_worker_rss" "$wpa_rss" "$(ratio_of "$real_worker_rss" "$wpa_rss")"
+printf '| %-52s | %6s KiB | %10s KiB | %6s |\n' "worker growth over $mixed requests after warm-up" \
+  "$growth" "64" "$(ratio_of "$growth" 64)"
+printf '| %-52s | %6s KiB | %10s KiB | %6s |\n' "stripped executable" "$((size / 1024))" "400" \
+  "$(ratio_of "$size" 409600)"
+echo
+printf 'Growth: %s KiB with the simulator (30 networks), %s KiB beside wpa_supplicant.\n' \
+  "$sim_growth" "$real_growth"
+if [ "$arm_cli" != null ]; then
+  printf 'ARM (armhf) client under qemu-user emulation: median %s µs, p99 %s µs.\n' \
+    "$(top "$arm_cli" median_us)" "$(top "$arm_cli" p99_us)"
+fi
+echo
 printf '| %-42s | %12s | %12s | %12s |\n' "Measure" "median" "p99" "max"
 printf '|%s|%s|%s|%s|\n' "--------------------------------------------" "--------------" "--------------" "--------------"
 for k in GetAPList GetNetSetting GetWPSPin unknown; do

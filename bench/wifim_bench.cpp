@@ -5,6 +5,9 @@
 //   wifim_bench throughput SOCKET COUNT    GetAPList from 1, 5 and 20 clients
 //   wifim_bench connect SOCKET COUNT       ConnectAP answered at once
 //   wifim_bench run COUNT PROGRAM [ARG]... a whole process, start to end
+//   wifim_bench pair COUNT A... -- B...    two programs run by turns, and the
+//                                          ratio of their medians
+//   wifim_bench mixed SOCKET COUNT         GetAPList and GetNetSetting by turns
 //
 // Requests are framed by hand, one per connection, as the device's own
 // clients do; times are in microseconds.
@@ -150,29 +153,71 @@ int bench_connect(const char* socket_path, int count) {
     return 0;
 }
 
+// One run of a whole process, its standard output dropped; the time in µs,
+// or a negative number when it failed.
+double time_process(char** argv) {
+    double start = now_us();
+    pid_t pid = fork();
+    if (pid == 0) {
+        int null_fd = open("/dev/null", O_WRONLY);
+        dup2(null_fd, 1);
+        execvp(argv[0], argv);
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    double elapsed = now_us() - start;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? elapsed : -1;
+}
+
+void print_process_summary(const summary& s) {
+    printf("{\"median_us\":%.0f,\"p99_us\":%.0f,\"failed\":%zu}", s.median, s.p99, s.failed);
+}
+
 int bench_run(int count, char** argv) {
     std::vector<double> samples;
     size_t failed = 0;
     for (int i = 0; i < count; i++) {
-        double start = now_us();
-        pid_t pid = fork();
-        if (pid == 0) {
-            int null_fd = open("/dev/null", O_WRONLY);
-            dup2(null_fd, 1);
-            execvp(argv[0], argv);
-            _exit(127);
+        double elapsed = time_process(argv);
+        elapsed >= 0 ? samples.push_back(elapsed) : (void)failed++;
+    }
+    print_process_summary(summarize(samples, failed));
+    printf("\n");
+    return 0;
+}
+
+// Two programs run by turns, so that whatever else the machine does falls
+// on both alike.
+int bench_pair(int count, char** a, char** b) {
+    std::vector<double> samples[2];
+    size_t failed[2] = {0, 0};
+    char** argv[2] = {a, b};
+    for (int i = 0; i < count; i++) {
+        for (int k = 0; k < 2; k++) {
+            double elapsed = time_process(argv[k]);
+            elapsed >= 0 ? samples[k].push_back(elapsed) : (void)failed[k]++;
         }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        double elapsed = now_us() - start;
-        if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-            samples.push_back(elapsed);
-        } else {
+    }
+    summary sa = summarize(samples[0], failed[0]);
+    summary sb = summarize(samples[1], failed[1]);
+    printf("{\"a\":");
+    print_process_summary(sa);
+    printf(",\"b\":");
+    print_process_summary(sb);
+    printf(",\"ratio\":%.3f}\n", sb.median > 0 ? sa.median / sb.median : 0.0);
+    return 0;
+}
+
+int bench_mixed(const char* socket_path, int count) {
+    const char* requests[] = {"function=GetAPList", "function=GetNetSetting"};
+    size_t failed = 0;
+    std::string answer;
+    for (int i = 0; i < count; i++) {
+        if (!wifim_raw::round_trip(socket_path, requests[i % 2], &answer)) {
             failed++;
         }
     }
-    summary s = summarize(samples, failed);
-    printf("{\"median_us\":%.0f,\"p99_us\":%.0f,\"failed\":%zu}\n", s.median, s.p99, s.failed);
+    printf("{\"requests\":%d,\"failed\":%zu}\n", count, failed);
     return 0;
 }
 
@@ -191,8 +236,23 @@ int main(int argc, char** argv) {
     if (argc >= 4 && strcmp(argv[1], "run") == 0) {
         return bench_run(atoi(argv[2]), argv + 3);
     }
-    fprintf(stderr,
-            "usage: %s requests|throughput|connect SOCKET COUNT | run COUNT PROGRAM [ARG]...\n",
-            argv[0]);
+    if (argc >= 4 && strcmp(argv[1], "mixed") == 0) {
+        return bench_mixed(argv[2], atoi(argv[3]));
+    }
+    if (argc >= 6 && strcmp(argv[1], "pair") == 0) {
+        char** b = argv + 3;
+        while (*b != nullptr && strcmp(*b, "--") != 0) {
+            b++;
+        }
+        if (*b != nullptr) {
+            *b = nullptr;  // ends A's arguments
+            return bench_pair(atoi(argv[2]), argv + 3, b + 1);
+        }
+    }
+    fprintf(
+        stderr,
+        "usage: %s requests|throughput|connect|mixed SOCKET COUNT | run COUNT PROGRAM [ARG]... | "
+        "pair COUNT A [ARG]... -- B [ARG]...\n",
+        argv[0]);
     return 2;
 }

@@ -5,14 +5,21 @@
 // the example station scripts in /home/qorun, and checks its answers, the
 // profile file and what the station really did.
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fixed_paths.h"
@@ -778,4 +785,363 @@ TEST_F(Supervisor, RestartsTheStationAndTheWorkerReconnects) {
     EXPECT_NE(radio::station_supplicant_pid(), supplicant);
     EXPECT_TRUE(wait_connected_to(radio::kWpa2, 120000)) << station("STATUS");
     EXPECT_EQ(read_file(WIFIM_PROFILE_FILE), profiles);
+}
+
+// ------------------------------------------------------------ the wall clock
+
+namespace {
+
+const long long kHourMs = 3600LL * 1000;
+const long long kYearMs = 365LL * 24 * kHourMs;
+
+// The guest's wall clock, in milliseconds since the epoch, as the daemon's
+// log prints it.
+long long wall_ms() {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Sets the guest's wall clock at once, as a camera without a battery-backed
+// clock does when it first reaches a time server. The scenarios run as root
+// inside the VM, whose clock is its own; hostapd and wpa_supplicant keep
+// their timers on the monotonic clock, which this does not move.
+bool set_wall_clock_ns(long long ns) {
+    struct timespec to;
+    to.tv_sec = static_cast<time_t>(ns / 1000000000);
+    to.tv_nsec = static_cast<long>(ns % 1000000000);
+    return clock_settime(CLOCK_REALTIME, &to) == 0;
+}
+
+long long clock_ns(clockid_t clock) {
+    struct timespec now;
+    clock_gettime(clock, &now);
+    return static_cast<long long>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+// Steps the wall clock by delta_ms; the wall time it was set to, in ms, or
+// 0 when the step was refused. Every wall-clock reading taken after the
+// step is at least that value.
+long long step_wall_clock(long long delta_ms) {
+    long long to_ns = clock_ns(CLOCK_REALTIME) + delta_ms * 1000000;
+    return set_wall_clock_ns(to_ns) ? to_ns / 1000000 : 0;
+}
+
+// The numbers of one job line of the daemon's log: "Got job, index:%d,
+// priority:%s, Job ID:%d, time out:%lld, ..., now:%lld, ..." or "updated
+// result, index:%d, priority:%s, Job ID:%d, result:%d, time out:%lld/%lld".
+// Both times are wall-clock milliseconds.
+struct job_line {
+    int index = 0;
+    std::string priority;
+    int job_id = -1;
+    int result = -1;            // updated result only
+    long long deadline_ms = 0;  // "time out:"
+    long long now_ms = 0;       // the daemon's wall clock when it wrote the line
+};
+
+bool parse_updated_result(const std::string& line, job_line* job) {
+    size_t at = line.find("updated result, ");
+    char priority[16] = "";
+    if (at == std::string::npos ||
+        sscanf(line.c_str() + at,
+               "updated result, index:%d, priority:%15[^,], Job ID:%d, result:%d, "
+               "time out:%lld/%lld",
+               &job->index, priority, &job->job_id, &job->result, &job->deadline_ms,
+               &job->now_ms) != 6) {
+        return false;
+    }
+    job->priority = priority;
+    return true;
+}
+
+bool parse_got_job(const std::string& line, job_line* job) {
+    size_t at = line.find("Got job, ");
+    char priority[16] = "";
+    long long next_scan = 0;
+    long long next_connect = 0;
+    if (at == std::string::npos ||
+        sscanf(line.c_str() + at,
+               "Got job, index:%d, priority:%15[^,], Job ID:%d, time out:%lld, "
+               "next scan clock:%lld, next connect clock:%lld, now:%lld",
+               &job->index, priority, &job->job_id, &job->deadline_ms, &next_scan, &next_connect,
+               &job->now_ms) != 7) {
+        return false;
+    }
+    job->priority = priority;
+    return true;
+}
+
+// Waits until the log holds more than `seen` lines containing text; the
+// first new one, or "" after timeout_ms. Woken by each write to the log
+// rather than by polling, so that the scenario acts within milliseconds of
+// the daemon's line, while the job it announces is still under way.
+std::string wait_new_log_line(const std::string& text, size_t seen, int timeout_ms) {
+    int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (watch >= 0) {
+        inotify_add_watch(watch, WIFIM_LOG_FILE, IN_MODIFY);
+    }
+    std::string found;
+    long start = wifim_test::now_ms();
+    while (true) {
+        std::vector<std::string> lines = wifim_test::log_lines_with(text);
+        if (lines.size() > seen) {
+            found = lines[seen];
+            break;
+        }
+        long left = timeout_ms - (wifim_test::now_ms() - start);
+        if (left <= 0) {
+            break;
+        }
+        // The watch may miss a log that is being replaced: look again at
+        // least every 100 ms.
+        struct pollfd wake = {watch, POLLIN, 0};
+        poll(&wake, watch >= 0 ? 1 : 0, static_cast<int>(std::min(left, 100L)));
+        char drain[4096];
+        while (watch >= 0 && read(watch, drain, sizeof(drain)) > 0) {
+        }
+    }
+    if (watch >= 0) {
+        close(watch);
+    }
+    return found;
+}
+
+// Lets the calling thread run ahead of every ordinary process of the VM
+// (whose one processor it shares with the daemon and the radios) while it
+// waits for a line of the daemon's log, or back among them. Woken by the
+// line, it runs before the daemon takes its next step.
+bool run_ahead(bool ahead) {
+    struct sched_param param = {};
+    param.sched_priority = ahead ? 1 : 0;
+    return pthread_setschedparam(pthread_self(), ahead ? SCHED_FIFO : SCHED_OTHER, &param) == 0;
+}
+
+// The first line of the log that holds text after the (last) line equal to
+// anchor, or "".
+std::string first_line_after(const std::string& anchor, const std::string& text) {
+    std::vector<std::string> lines = split_lines(read_file(WIFIM_LOG_FILE));
+    auto at = std::find(lines.rbegin(), lines.rend(), anchor);
+    if (at == lines.rend()) {
+        return "";
+    }
+    for (auto line = at.base(); line != lines.end(); ++line) {
+        if (line->find(text) != std::string::npos) {
+            return *line;
+        }
+    }
+    return "";
+}
+
+// The daemon is idle: its last scan found the station connected and
+// scheduled nothing more (both clocks 0 on its "Scan success" line), no job
+// has been taken since, and that scan's result is posted. From then on the
+// service loop only waits, pinging the supervisor on its own schedule.
+bool daemon_idle() {
+    std::string last;
+    bool posted = false;
+    for (const std::string& line : split_lines(read_file(WIFIM_LOG_FILE))) {
+        if (line.find("Got job, ") != std::string::npos ||
+            line.find("Scan success, ") != std::string::npos) {
+            last = line;
+            posted = false;
+        } else if (line.find("updated result, ") != std::string::npos) {
+            posted = true;
+        }
+    }
+    return posted && last.find("Scan success, ") != std::string::npos &&
+           last.find(", next scan clock:0, next connect clock:0, ") != std::string::npos;
+}
+
+}  // namespace
+
+// A camera without a battery-backed clock steps its wall clock when it
+// first reaches a time server. The worker pings its supervisor, schedules,
+// and times its jobs on the monotonic clock, so a step restarts nothing,
+// expires nothing and keeps the station where it is; only what the log
+// prints follows the wall clock.
+class Clock : public Radio {
+  protected:
+    void SetUp() override {
+        wall0_ns = clock_ns(CLOCK_REALTIME);
+        monotonic0_ns = clock_ns(CLOCK_MONOTONIC);
+        Radio::SetUp();
+    }
+
+    // The next scenarios and the run's report get a sane date back: the
+    // wall clock of the start plus the time that really passed.
+    void TearDown() override {
+        EXPECT_TRUE(set_wall_clock_ns(wall0_ns + clock_ns(CLOCK_MONOTONIC) - monotonic0_ns));
+        Radio::TearDown();
+    }
+
+    // What a needless restart or an expired job would change.
+    struct undisturbed {
+        pid_t worker = -1;
+        pid_t supplicant = -1;
+        int starts = 0;
+        int expired = 0;
+        int jobs_taken = 0;
+        size_t disconnections = 0;
+    };
+
+    size_t station_disconnections() {
+        size_t n = 0;
+        for (const auto& e : radio::recorder_since(&station_events, 0)) {
+            n += e.text.find("CTRL-EVENT-DISCONNECTED ") != std::string::npos ? 1 : 0;
+        }
+        return n;
+    }
+
+    undisturbed now_undisturbed() {
+        undisturbed state;
+        state.worker = radio::daemon_worker(daemon);
+        state.supplicant = radio::station_supplicant_pid();
+        state.starts = log_count("Program start -- Version: 1.0.4");
+        std::vector<std::string> results = wifim_test::log_lines_with("updated result, ");
+        state.expired = static_cast<int>(
+            std::count_if(results.begin(), results.end(), [](const std::string& line) {
+                return line.find(", result:1, time out:") != std::string::npos;
+            }));
+        state.jobs_taken = log_count("Got job, ");
+        state.disconnections = station_disconnections();
+        return state;
+    }
+
+    // Once a second for `seconds` (longer than the supervisor's allowance
+    // of 30 s between pings): the station associated with ap all along.
+    // What the station said when it was not, or "".
+    std::string watch_station(const access_point& ap, int seconds) {
+        long start = wifim_test::now_ms();
+        for (int i = 1; i <= seconds; i++) {
+            std::string status = station("STATUS");
+            if (reply_value(status, "wpa_state") != "COMPLETED" ||
+                reply_value(status, "bssid") != ap.bssid) {
+                return "after " + std::to_string(i - 1) + " s:\n" + status;
+            }
+            long next = start + i * 1000L;
+            while (wifim_test::now_ms() < next) {
+                usleep(static_cast<useconds_t>((next - wifim_test::now_ms()) * 1000));
+            }
+        }
+        return "";
+    }
+
+    // Nothing restarted: no overdue ping, the same worker and the same
+    // wpa_supplicant (the supervisor's restart runs the station script,
+    // which stops it), no job expired, no disconnection, the marker kept.
+    void expect_undisturbed(const undisturbed& before) {
+        EXPECT_EQ(log_count("Can't receive child ping message"), 0);
+        EXPECT_EQ(log_count("Restart child process"), 0);
+        EXPECT_EQ(radio::daemon_worker(daemon), before.worker);
+        EXPECT_EQ(log_count("Program start -- Version: 1.0.4"), 1);
+        undisturbed after = now_undisturbed();
+        EXPECT_EQ(after.supplicant, before.supplicant) << "the station script ran";
+        EXPECT_EQ(after.expired, before.expired) << "a job expired";
+        EXPECT_EQ(after.disconnections, before.disconnections) << "the station was disconnected";
+        EXPECT_TRUE(file_exists(WIFIM_CONNECTED_MARKER_FILE));
+    }
+
+    long long wall0_ns = 0;
+    long long monotonic0_ns = 0;
+};
+
+TEST_F(Clock, StepBackAnHourAndForwardAYearKeepsTheStation) {
+    const std::string net = "192.168.50";
+    const access_point& ap = radio::kWpa2;
+    const std::string connected =
+        connected_answer(ap.ssid, "wpa2", net + ".2", net + ".1", net + ".53", "");
+    long scenario_start = wifim_test::now_ms();
+    start_daemon(static_settings(net));
+    wait_in_range(ap.ssid);
+    ASSERT_EQ(ask(connect_request(ap, "wpa2", ap.key)), command_answer("wifista_connecte", 0, 1));
+    ASSERT_TRUE(wait_connected_to(ap, 20000)) << station("STATUS");
+    ASSERT_TRUE(wait_until(daemon_idle, 120000)) << "the daemon kept scanning";
+    const undisturbed start = now_undisturbed();
+    ASSERT_GT(start.worker, 0);
+    ASSERT_GT(start.supplicant, 0);
+    ASSERT_EQ(start.starts, 1);
+    ASSERT_TRUE(file_exists(WIFIM_CONNECTED_MARKER_FILE));
+
+    // Back an hour, idle: only the worker's own schedule pings the
+    // supervisor now (a request would ping from its job), so a schedule
+    // kept on the wall clock would fall silent for an hour and the worker
+    // be restarted within the watch.
+    long long back_to = step_wall_clock(-kHourMs);
+    ASSERT_NE(back_to, 0) << "the wall clock could not be set";
+    std::string lost = watch_station(ap, 40);
+    EXPECT_EQ(lost, "") << "the station was let go after the step back";
+    expect_undisturbed(start);
+    EXPECT_EQ(log_count("Got job, "), start.jobs_taken) << "the watch was not idle";
+
+    // Requests are answered, and the log prints the new wall time: the
+    // status job's deadline 5 s ahead of the moment its result was posted.
+    size_t status_jobs = wifim_test::log_lines_with("Job ID:2, result:").size();
+    long long asked = wall_ms();
+    EXPECT_EQ(ask("function=GetConnected"), connected);
+    long long answered = wall_ms();
+    std::vector<std::string> status_lines = wifim_test::log_lines_with("Job ID:2, result:");
+    ASSERT_EQ(status_lines.size(), status_jobs + 1);
+    job_line status_job;
+    ASSERT_TRUE(parse_updated_result(status_lines.back(), &status_job)) << status_lines.back();
+    EXPECT_EQ(status_job.result, 16) << status_lines.back();
+    EXPECT_GE(status_job.now_ms, asked) << status_lines.back();
+    EXPECT_LE(status_job.now_ms, answered) << status_lines.back();
+    EXPECT_GE(status_job.deadline_ms - status_job.now_ms, 0) << status_lines.back();
+    EXPECT_LE(status_job.deadline_ms - status_job.now_ms, 5000) << status_lines.back();
+    const undisturbed after_back = now_undisturbed();
+
+    // Forward a year while a scan job waits for its results: a deadline on
+    // the wall clock would have passed at once. The step is made as soon as
+    // the loop logs that it took the job, before it sends SCAN; should the
+    // scan have ended even so, the next one is tried, a year further on.
+    const std::string taken_scan = "priority:normal, Job ID:1, time out:";
+    job_line scan;
+    long long forward_to = 0;
+    std::string scan_end;
+    int tries = 0;
+    for (tries = 1; tries <= 3; tries++) {
+        size_t taken = wifim_test::log_lines_with(taken_scan).size();
+        // The loop takes the scan before GetAPList is answered: ask from
+        // another thread (an ordinary one) and watch the log meanwhile.
+        std::thread asker([] { ask("function=GetAPList"); });
+        bool ahead = run_ahead(true);
+        std::string got = wait_new_log_line(taken_scan, taken, 30000);
+        forward_to = got.empty() ? 0 : step_wall_clock(kYearMs);
+        run_ahead(false);
+        asker.join();
+        ASSERT_TRUE(ahead) << "the scenario cannot run ahead of the daemon";
+        ASSERT_FALSE(got.empty()) << "GetAPList asked for no scan";
+        ASSERT_NE(forward_to, 0) << "the wall clock could not be set";
+        job_line taken_job;
+        ASSERT_TRUE(parse_got_job(got, &taken_job)) << got;
+        const std::string ended = "updated result, index:" + std::to_string(taken_job.index) +
+                                  ", priority:normal, Job ID:1, ";
+        ASSERT_TRUE(wait_until(
+            [&] {
+                scan_end = first_line_after(got, ended);
+                return !scan_end.empty();
+            },
+            30000))
+            << "the scan job never ended";
+        ASSERT_TRUE(parse_updated_result(scan_end, &scan)) << scan_end;
+        if (scan.now_ms >= forward_to) {
+            break;
+        }
+        std::cout << "the scan ended before the step (" << scan_end << "); once more\n";
+    }
+    ASSERT_LE(tries, 3) << "no step landed while a scan job was under way";
+    RecordProperty("forward_step_tries", std::to_string(tries));
+    EXPECT_EQ(scan.job_id, 1) << scan_end;
+    EXPECT_EQ(scan.result, 16) << scan_end;
+    EXPECT_GE(scan.deadline_ms - scan.now_ms, 0) << scan_end;
+    EXPECT_LE(scan.deadline_ms - scan.now_ms, 10000) << scan_end;
+    EXPECT_EQ(ask("function=GetConnected"), connected);
+    lost = watch_station(ap, 40);
+    EXPECT_EQ(lost, "") << "the station was let go after the step forward";
+    expect_undisturbed(after_back);
+    long took = wifim_test::now_ms() - scenario_start;
+    RecordProperty("scenario_ms", std::to_string(took));
+    std::cout << "clock steps: scenario " << took << " ms, forward step tried " << tries
+              << " time(s)\n";
 }
