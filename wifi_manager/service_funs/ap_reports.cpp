@@ -47,20 +47,18 @@ static void service_sort_ap_list(std::vector<wifi_ap_info>& list, const std::str
     }
 }
 
-static void service_write_ap_entry(std::stringstream& out, const wifi_ap_info& entry,
-                                   bool connected) {
-    out << " <ap_data>" << std::endl;
-    out << "  <ssid><![CDATA[" << entry.ssid << "]]></ssid>" << std::endl;
-    out << "  <security>" << wapinfo_security_answer_name(entry.security) << "</security>"
-        << std::endl;
-    out << "  <signal>" << entry.signal << "</signal>" << std::endl;
-    out << "  <registered>" << (entry.saved ? 1 : 0) << "</registered>" << std::endl;
-    out << "  <scanned>" << (entry.in_range ? 1 : 0) << "</scanned>" << std::endl;
-    out << "  <connected>" << (connected ? 1 : 0) << "</connected>" << std::endl;
-    out << " </ap_data>" << std::endl;
+static void service_write_ap_entry(service_stream& out, const wifi_ap_info& entry, bool connected) {
+    out << " <ap_data>\n";
+    out << "  <ssid><![CDATA[" << entry.ssid << "]]></ssid>\n";
+    out << "  <security>" << wapinfo_security_answer_name(entry.security) << "</security>\n";
+    out << "  <signal>" << entry.signal << "</signal>\n";
+    out << "  <registered>" << (entry.saved ? 1 : 0) << "</registered>\n";
+    out << "  <scanned>" << (entry.in_range ? 1 : 0) << "</scanned>\n";
+    out << "  <connected>" << (connected ? 1 : 0) << "</connected>\n";
+    out << " </ap_data>\n";
 }
 
-void service_get_ap_list(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_get_ap_list(CSimpleIniA& receive_data, service_stream& response_stream,
                          void* monitor_data) {
     (void)receive_data;
     int enable = wpacm_get_enable(monitor_data) ? 1 : 0;
@@ -105,7 +103,7 @@ static std::string service_connected_security(void* monitor_data, const std::str
     return "";
 }
 
-void service_get_connected_ssid(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_get_connected_ssid(CSimpleIniA& receive_data, service_stream& response_stream,
                                 void* monitor_data) {
     (void)receive_data;
     int enable = wpacm_get_enable(monitor_data) ? 1 : 0;
@@ -125,7 +123,7 @@ void service_get_connected_ssid(CSimpleIniA& receive_data, std::stringstream& re
         security = service_connected_security(monitor_data, ssid, bssid);
     }
     service_begin_answer(response_stream, "wifista_connected", API_SUCCESS);
-    response_stream << "<ssid><![CDATA[" << ssid << "]]></ssid>" << std::endl;
+    response_stream << "<ssid><![CDATA[" << ssid << "]]></ssid>\n";
     service_write_element(response_stream, "security", security);
     service_write_element(response_stream, "enable", std::to_string(enable));
     service_write_element(response_stream, "ip_addr", ip);

@@ -40,7 +40,7 @@ static bool service_wpa_key_length_ok(size_t n) {
 }
 
 // The answer every connection command writes.
-static void service_command_answer(std::stringstream& response_stream, const char* root, int result,
+static void service_command_answer(service_stream& response_stream, const char* root, int result,
                                    int enable) {
     service_begin_answer(response_stream, root, result);
     service_write_element(response_stream, "enable", std::to_string(enable));
@@ -82,7 +82,7 @@ static int service_connect_request(CSimpleIniA& receive_data, void* monitor_data
     return service_connect_and_record(monitor_data, &record);
 }
 
-void service_connect_ap(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_connect_ap(CSimpleIniA& receive_data, service_stream& response_stream,
                         void* monitor_data) {
     int enable = wpacm_get_enable(monitor_data) ? 1 : 0;
     int result = enable ? service_connect_request(receive_data, monitor_data) : API_SUCCESS;
@@ -106,7 +106,7 @@ static int service_reconnect_request(CSimpleIniA& receive_data, void* monitor_da
     return API_SSID_NOT_EXIST;
 }
 
-void service_reconnect_ap(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_reconnect_ap(CSimpleIniA& receive_data, service_stream& response_stream,
                           void* monitor_data) {
     int enable = wpacm_get_enable(monitor_data) ? 1 : 0;
     int result = enable ? service_reconnect_request(receive_data, monitor_data) : API_SUCCESS;
@@ -124,7 +124,7 @@ static int service_disconnect_request(void* monitor_data) {
 }
 
 // Answers under the reconnect root, as the device's pages expect.
-void service_disconnect(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_disconnect(CSimpleIniA& receive_data, service_stream& response_stream,
                         void* monitor_data) {
     (void)receive_data;
     int enable = wpacm_get_enable(monitor_data) ? 1 : 0;
@@ -145,7 +145,7 @@ static int service_remove_request(CSimpleIniA& receive_data, void* monitor_data)
     return wpacm_remove_ssid(monitor_data, ssid, security) ? API_SUCCESS : API_FAIL;
 }
 
-void service_remove_profile(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_remove_profile(CSimpleIniA& receive_data, service_stream& response_stream,
                             void* monitor_data) {
     int enable = wpacm_get_enable(monitor_data) ? 1 : 0;
     int result = enable ? service_remove_request(receive_data, monitor_data) : API_SUCCESS;
@@ -154,7 +154,7 @@ void service_remove_profile(CSimpleIniA& receive_data, std::stringstream& respon
 
 // Acts whether or not the station is enabled; any value other than 1 (and
 // the missing key's -1) switches the station off.
-void service_set_enable(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_set_enable(CSimpleIniA& receive_data, service_stream& response_stream,
                         void* monitor_data) {
     long value = receive_data.GetLongValue("", "enable", -1);
     if (value != -1) {

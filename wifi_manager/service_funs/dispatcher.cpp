@@ -35,7 +35,7 @@ long long service_elapsed_ms(long start_sec, long start_usec, long end_sec, long
 
 static std::string service_dispatch(CSimpleIniA& request, const std::string& function_name,
                                     void* monitor_data) {
-    std::stringstream l_response_stream;
+    service_stream l_response_stream;
     auto handler = g_service_function_map.find(function_name);
     if (handler != g_service_function_map.end()) {
         handler->second(request, l_response_stream, monitor_data);

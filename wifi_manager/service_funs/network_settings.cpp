@@ -144,7 +144,7 @@ bool service_get_network_setting(const std::string& net_interface, std::string& 
     return true;
 }
 
-void service_get_network_setting(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_get_network_setting(CSimpleIniA& receive_data, service_stream& response_stream,
                                  void* monitor_data) {
     (void)receive_data;
     (void)monitor_data;
@@ -196,7 +196,7 @@ static int service_store_network_setting(CSimpleIniA& receive_data) {
     return API_SUCCESS;
 }
 
-void service_set_network_setting(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_set_network_setting(CSimpleIniA& receive_data, service_stream& response_stream,
                                  void* monitor_data) {
     (void)monitor_data;
     int result = service_store_network_setting(receive_data);

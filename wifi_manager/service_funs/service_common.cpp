@@ -41,17 +41,17 @@ wifi_manager_return_code service_wps_result(int status) {
     return row == nullptr ? API_FAIL : row->wps;
 }
 
-void service_begin_answer(std::stringstream& response_stream, const char* root, int result) {
-    response_stream << "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>" << std::endl;
-    response_stream << "<" << root << ">" << std::endl;
-    response_stream << "<result>" << result << "</result>" << std::endl;
+void service_begin_answer(service_stream& response_stream, const char* root, int result) {
+    response_stream << "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n";
+    response_stream << "<" << root << ">\n";
+    response_stream << "<result>" << result << "</result>\n";
 }
 
-void service_end_answer(std::stringstream& response_stream, const char* root) {
-    response_stream << "</" << root << ">" << std::endl;
+void service_end_answer(service_stream& response_stream, const char* root) {
+    response_stream << "</" << root << ">\n";
 }
 
-void service_write_element(std::stringstream& response_stream, const char* name,
+void service_write_element(service_stream& response_stream, const char* name,
                            const std::string& value) {
-    response_stream << "<" << name << ">" << value << "</" << name << ">" << std::endl;
+    response_stream << "<" << name << ">" << value << "</" << name << ">\n";
 }

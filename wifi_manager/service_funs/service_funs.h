@@ -5,7 +5,6 @@
 #include <SimpleIni.h>
 
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,8 +24,36 @@ enum wifi_manager_return_code {
     API_WPS_OVERLAP = 9,
 };
 
+// The string stream a handler writes its answer into: text and whole
+// numbers appended to one string. Not std::stringstream, whose locale and
+// stream set-up every start of the executable would pay for, the
+// command-line client's included, though only the worker writes answers.
+struct service_stream {
+    std::string text;
+    const std::string& str() const { return text; }
+};
+
+inline service_stream& operator<<(service_stream& out, const char* text) {
+    out.text += text;
+    return out;
+}
+
+inline service_stream& operator<<(service_stream& out, const std::string& text) {
+    out.text += text;
+    return out;
+}
+
+inline service_stream& operator<<(service_stream& out, long long number) {
+    out.text += std::to_string(number);
+    return out;
+}
+
+inline service_stream& operator<<(service_stream& out, int number) {
+    return out << static_cast<long long>(number);
+}
+
 // A request handler writes its whole XML answer into response_stream.
-typedef void (*service_function)(CSimpleIniA& receive_data, std::stringstream& response_stream,
+typedef void (*service_function)(CSimpleIniA& receive_data, service_stream& response_stream,
                                  void* monitor_data);
 
 extern std::map<std::string, service_function> g_service_function_map;
@@ -51,26 +78,26 @@ wifi_manager_return_code service_connect_result(int status);
 wifi_manager_return_code service_wps_result(int status);
 
 // The handlers, in the order the device's request vocabulary lists them.
-void service_get_ap_list(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_get_ap_list(CSimpleIniA& receive_data, service_stream& response_stream,
                          void* monitor_data);
-void service_get_connected_ssid(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_get_connected_ssid(CSimpleIniA& receive_data, service_stream& response_stream,
                                 void* monitor_data);
-void service_connect_ap(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_connect_ap(CSimpleIniA& receive_data, service_stream& response_stream,
                         void* monitor_data);
-void service_reconnect_ap(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_reconnect_ap(CSimpleIniA& receive_data, service_stream& response_stream,
                           void* monitor_data);
-void service_disconnect(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_disconnect(CSimpleIniA& receive_data, service_stream& response_stream,
                         void* monitor_data);
-void service_remove_profile(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_remove_profile(CSimpleIniA& receive_data, service_stream& response_stream,
                             void* monitor_data);
-void service_set_enable(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_set_enable(CSimpleIniA& receive_data, service_stream& response_stream,
                         void* monitor_data);
-void service_get_wps_pin(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_get_wps_pin(CSimpleIniA& receive_data, service_stream& response_stream,
                          void* monitor_data);
-void service_wps(CSimpleIniA& receive_data, std::stringstream& response_stream, void* monitor_data);
-void service_get_network_setting(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_wps(CSimpleIniA& receive_data, service_stream& response_stream, void* monitor_data);
+void service_get_network_setting(CSimpleIniA& receive_data, service_stream& response_stream,
                                  void* monitor_data);
-void service_set_network_setting(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_set_network_setting(CSimpleIniA& receive_data, service_stream& response_stream,
                                  void* monitor_data);
 
 // Live network state of an interface: IPv4 address and netmask, default
@@ -87,9 +114,9 @@ void service_parse_dnsservers(const std::string& resolv_text,
                               std::vector<std::string>& dns_server_vector);
 
 // Answer envelope: the XML declaration, the root's opening tag and the result.
-void service_begin_answer(std::stringstream& response_stream, const char* root, int result);
-void service_end_answer(std::stringstream& response_stream, const char* root);
-void service_write_element(std::stringstream& response_stream, const char* name,
+void service_begin_answer(service_stream& response_stream, const char* root, int result);
+void service_end_answer(service_stream& response_stream, const char* root);
+void service_write_element(service_stream& response_stream, const char* name,
                            const std::string& value);
 
 #define SERVICE_LOG(level, fmt, ...) \

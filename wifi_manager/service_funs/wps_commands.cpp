@@ -25,8 +25,7 @@ static int service_wps_request(CSimpleIniA& receive_data, void* monitor_data) {
     return result;
 }
 
-void service_wps(CSimpleIniA& receive_data, std::stringstream& response_stream,
-                 void* monitor_data) {
+void service_wps(CSimpleIniA& receive_data, service_stream& response_stream, void* monitor_data) {
     int enable = wpacm_get_enable(monitor_data) ? 1 : 0;
     int result = enable ? service_wps_request(receive_data, monitor_data) : API_SUCCESS;
     service_begin_answer(response_stream, "wifista_wps", result);
@@ -34,7 +33,7 @@ void service_wps(CSimpleIniA& receive_data, std::stringstream& response_stream,
     service_end_answer(response_stream, "wifista_wps");
 }
 
-void service_get_wps_pin(CSimpleIniA& receive_data, std::stringstream& response_stream,
+void service_get_wps_pin(CSimpleIniA& receive_data, service_stream& response_stream,
                          void* monitor_data) {
     (void)receive_data;
     int enable = wpacm_get_enable(monitor_data) ? 1 : 0;
