@@ -9,7 +9,8 @@
 # (build-armhf/, from scripts/cross-armhf.sh) and qemu-arm is registered, its
 # client is timed under emulation too.
 #
-#   scripts/bench.sh     (BENCH_IDLE_S=60, BENCH_REQUESTS=10000, BENCH_MIXED=10000 by default)
+#   scripts/bench.sh     (BENCH_IDLE_S=60, BENCH_REQUESTS=10000, BENCH_WARMUP=1000,
+#                         BENCH_MIXED=10000 by default)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
