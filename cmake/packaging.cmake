@@ -18,9 +18,10 @@ else()
                   OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE
                   OUTPUT_STRIP_TRAILING_WHITESPACE)
 endif()
-# libwpa_client and SimpleIni are linked in; what remains is the C and C++
-# runtime. (dpkg-shlibdeps cannot see armhf libraries that are not
+# libwpa_client, SimpleIni and the C++ and GCC runtimes are linked in; what
+# remains is the C library, from 2.35 on (the linked-in GCC unwinder asks for
+# _dl_find_object). (dpkg-shlibdeps cannot see armhf libraries that are not
 # installed, so the list is written out.)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34), libstdc++6 (>= 12), libgcc-s1 (>= 3.5)")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.35)")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS wpasupplicant)
 include(CPack)
