@@ -135,10 +135,13 @@ pair=$("$bench" pair 300 "$bin" -C "function=GetNetSetting" -- wpa_cli -p /tmp/w
 [[ $pair =~ \"a\":(\{[^}]*\}) ]] && cli=${BASH_REMATCH[1]}
 [[ $pair =~ \"b\":(\{[^}]*\}) ]] && wpacli=${BASH_REMATCH[1]}
 arm_cli=null
-if [ -n "$armhf_build" ] && [ -e /proc/sys/fs/binfmt_misc/qemu-arm ]; then
+# The private root does not show binfmt_misc, so whether qemu-arm is
+# registered is seen by running the ARM executable once.
+export QEMU_LD_PREFIX=/usr/arm-linux-gnueabihf
+arm_bin=$armhf_build/wifi_manager/wifi_manager
+if [ -n "$armhf_build" ] && "$arm_bin" -v >/dev/null 2>&1; then
   echo "the ARM client under emulation..." >&2
-  arm_cli=$(QEMU_LD_PREFIX=/usr/arm-linux-gnueabihf "$bench" run 100 \
-    "$armhf_build/wifi_manager/wifi_manager" -C "function=GetNetSetting")
+  arm_cli=$("$bench" run 100 "$arm_bin" -C "function=GetNetSetting")
 fi
 
 strip -o /tmp/wifi_manager.stripped "$bin"
