@@ -174,6 +174,11 @@ TEST_F(Faults, WpaSupplicantLostDuringAScanEndsTheWorker) {
     // fails too and closes the connection, and opening a new one then finds
     // wpa_supplicant gone: the worker ends itself and is restarted, while it
     // pinged its supervisor all along.
+    // The worker's start-up sends a SCAN of its own, outside any job: the
+    // fault is set once the scan jobs have begun, so that the silent SCAN
+    // is one of theirs.
+    ASSERT_TRUE(wifim_test::wait_until(
+        [] { return !log_lines_with("], Scan success, force_scan_count:").empty(); }, 60000));
     wifim_test::sim_control(peer, "FAULT SCAN SILENT");
     wifim_test::clear_sim_commands();
     ASSERT_TRUE(wifim_test::wait_until(
