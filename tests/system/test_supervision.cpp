@@ -110,6 +110,12 @@ class Faults : public ::testing::Test {
                                   std::to_string(daemon.pid) + "/children");
         return children.empty() ? -1 : static_cast<pid_t>(std::stoi(children));
     }
+    // The worker's illegal-signal handler has logged its end.
+    static bool worker_ended_itself() {
+        return !log_lines_with(
+                    "], Received exception or illegal signal, child pid:0, closed process")
+                    .empty();
+    }
     std::string ask(const std::string& request) {
         return wifim_test::run_client(request, {"-T", "5"}).out;
     }
@@ -146,14 +152,7 @@ TEST_F(Faults, StoppedWorkerIsReplacedAndTheStationRestarted) {
 
 TEST_F(Faults, LostWpaSupplicantEndsTheWorkerWhichIsRestarted) {
     wifim_test::sim_control(peer, "CRASH");
-    ASSERT_TRUE(wifim_test::wait_until(
-        [] {
-            return !log_lines_with(
-                        "], Received exception or illegal signal, child pid:0, closed "
-                        "process")
-                        .empty();
-        },
-        90000));
+    ASSERT_TRUE(wifim_test::wait_until(worker_ended_itself, 90000));
     auto lines = log_lines_with("Received exception or illegal signal, child pid:0");
     EXPECT_NE(lines[0].find(",ERROR,"), std::string::npos);
     wifim_test::stop_wpa_peer(&peer);
@@ -199,14 +198,7 @@ TEST_F(Faults, WpaSupplicantLostDuringAScanEndsTheWorker) {
     // A queued scan event may already have led the worker to the same end;
     // the request is answered or refused, and either way the worker ends.
     ask("function=GetAPList");
-    ASSERT_TRUE(wifim_test::wait_until(
-        [] {
-            return !log_lines_with(
-                        "], Received exception or illegal signal, child pid:0, closed "
-                        "process")
-                        .empty();
-        },
-        90000));
+    ASSERT_TRUE(wifim_test::wait_until(worker_ended_itself, 90000));
     EXPECT_FALSE(log_lines_with("], Can't connect to wpa_supplicant, socket file:").empty());
     EXPECT_TRUE(log_lines_with("Can't receive child ping message").empty());
 }
