@@ -1,9 +1,11 @@
 #!/bin/bash
-# Fails when a C++ source (tracked, or new and not ignored) is not formatted
-# with the repo's .clang-format.
+# Fails when a C++ source of the tree is not formatted with the repo's
+# .clang-format, and when there is no source to check.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-mapfile -t files < <(git ls-files --cached --others --exclude-standard '*.cpp' '*.h' 2>/dev/null |
-                     while read -r f; do [ -f "$f" ] && echo "$f"; done)
-[ ${#files[@]} -eq 0 ] && exit 0
+# shellcheck source=scripts/source-files.sh
+. scripts/source-files.sh
+mapfile -t files < <(wifim_cpp_files "${wifim_source_folders[@]}")
+wifim_require_files check-format "${#files[@]}"
+echo "check-format: ${#files[@]} files"
 clang-format --dry-run --Werror "${files[@]}"

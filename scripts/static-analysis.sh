@@ -4,11 +4,16 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+# shellcheck source=scripts/source-files.sh
+. scripts/source-files.sh
 scripts/deps.sh clang-tidy cppcheck
 
 build=${WIFIM_TIDY_BUILD_DIR:-build-tidy}
 cmake -S . -B "$build" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
-mapfile -t sources < <(git ls-files 'wifi_manager/*.cpp')
+# The daemon's own sources only: given no file, run-clang-tidy would take
+# every file of the build, the tests included.
+mapfile -t sources < <(wifim_cpp_files wifi_manager | grep '\.cpp$')
+wifim_require_files clang-tidy "${#sources[@]}"
 
 echo "clang-tidy: ${#sources[@]} files"
 run-clang-tidy -quiet -p "$build" -j2 "${sources[@]}" >"$build/clang-tidy.log" 2>&1 || {
