@@ -2,7 +2,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <regex>
@@ -202,18 +204,113 @@ TEST_F(Log, ConcurrentWritersNeverSplitALine) {
     }
 }
 
-TEST_F(Log, APlantedLinkIsNotWrittenThroughAndTheLineIsLost) {
+TEST_F(Log, APlantedLinkIsReplacedNotWrittenThrough) {
     ASSERT_TRUE(write_file("/tmp/victim", "precious\n"));
     ASSERT_EQ(symlink("/tmp/victim", kLog), 0);
     wifim_insert_log(LOG_Info, "through the link");
     EXPECT_EQ(read_file("/tmp/victim"), "precious\n");
+    // The line went to a log of the daemon's own in the link's place.
+    struct stat st;
+    ASSERT_EQ(lstat(kLog, &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(read_file(kLog).substr(19), ",INFO ,through the link\n");
     // A link to nothing must not create its target either.
     unlink(kLog);
     unlink("/tmp/victim");
     ASSERT_EQ(symlink("/tmp/victim", kLog), 0);
     wifim_insert_log(LOG_Info, "through the dangling link");
     EXPECT_FALSE(wifim_test::file_exists("/tmp/victim"));
+    EXPECT_EQ(read_file(kLog).substr(19), ",INFO ,through the dangling link\n");
     unlink(kLog);
+}
+
+// A FIFO at the log's path would block every writer, the supervisor's and
+// every thread of the worker, for as long as nobody reads it.
+TEST_F(Log, APlantedFifoNeitherHangsAWriterNorKeepsItsPlace) {
+    ASSERT_EQ(mkfifo(kLog, 0666), 0);
+    pid_t writer = fork();
+    if (writer == 0) {
+        wifim_insert_log(LOG_Info, "not into the pipe");
+        _exit(0);
+    }
+    int status = wifim_test::wait_process(writer, 10000);
+    if (status == -1) {
+        kill(writer, SIGKILL);
+        waitpid(writer, nullptr, 0);
+    }
+    ASSERT_NE(status, -1) << "the writer hung on the FIFO";
+    struct stat st;
+    ASSERT_EQ(lstat(kLog, &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(read_file(kLog).substr(19), ",INFO ,not into the pipe\n");
+}
+
+// Another user's file at the log's path would hand that user every line,
+// keys included, however its mode is set afterwards.
+TEST_F(Log, AFileOfAnotherUserIsReplacedAndLearnsNothing) {
+    ASSERT_TRUE(write_file(kLog, "planted\n", 0644));
+    ASSERT_EQ(chown(kLog, 65534, 65534), 0);
+    int planted = open(kLog, O_RDONLY);  // what its owner keeps reading
+    ASSERT_GE(planted, 0);
+    wifim_insert_log(LOG_Info, "key=secret123");
+    struct stat st;
+    ASSERT_EQ(lstat(kLog, &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(st.st_uid, geteuid());
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(read_file(kLog).substr(19), ",INFO ,key=secret123\n");
+    char seen[64] = {};
+    EXPECT_EQ(pread(planted, seen, sizeof(seen) - 1, 0), 8);
+    EXPECT_STREQ(seen, "planted\n");
+    close(planted);
+}
+
+// A second name for the log (a hard link made while it was the daemon's)
+// would keep every later line readable, or append them to another file.
+TEST_F(Log, AHardLinkedFileIsReplaced) {
+    ASSERT_TRUE(write_file("/tmp/victim", "precious\n", 0600));
+    ASSERT_EQ(link("/tmp/victim", kLog), 0);
+    wifim_insert_log(LOG_Info, "not appended");
+    EXPECT_EQ(read_file("/tmp/victim"), "precious\n");
+    EXPECT_EQ(read_file(kLog).substr(19), ",INFO ,not appended\n");
+    unlink("/tmp/victim");
+}
+
+// Whoever holds the log's lock sees it unchanged until it lets go: a writer
+// that cuts a full log down does so under the lock, from reading its tail
+// to rewriting it, so a line appended meanwhile by another writer is never
+// cut away with the old content.
+TEST_F(Log, NoWriterChangesTheLogWhileAnotherHoldsItsLock) {
+    ASSERT_TRUE(write_file(kLog, std::string(300, 'a') + "\n", 0600));
+    const long small_limit = 200;  // nearly every line cuts the log
+    pid_t writer = fork();
+    if (writer == 0) {
+        for (int i = 0; i < 20000; i++) {
+            wifim_append_str_to_file(kLog, "a line of the other writer, long enough to fill",
+                                     small_limit);
+        }
+        _exit(0);
+    }
+    int changed = 0;
+    int held = 0;
+    for (; held < 400 && wifim_test::process_alive(writer); held++) {
+        int fd = open(kLog, O_RDONLY);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(flock(fd, LOCK_EX), 0);
+        std::string before = read_file(kLog);
+        usleep(2000);
+        if (read_file(kLog) != before) {
+            changed++;
+        }
+        close(fd);
+        usleep(500);
+    }
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+    EXPECT_GT(held, 50) << "the other writer ended too soon to be watched";
+    EXPECT_EQ(changed, 0) << "the log changed under the lock in " << changed << " of " << held
+                          << " holds";
 }
 
 TEST_F(Log, APlantedLinkToALargeFileIsNotShrunk) {

@@ -1,5 +1,6 @@
 // The log: one line per call, shared by the supervisor, the worker and all of
-// the worker's threads, serialised only by an exclusive lock on the file.
+// the worker's threads, serialised only by an exclusive lock on the file,
+// which a writer holds from the size check to the end of its line.
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -78,10 +79,10 @@ static void wifim_write_all(int fd, const char* data, size_t size) {
     }
 }
 
-static long wifim_read_all(int fd, char* data, size_t size) {
+static long wifim_read_all_at(int fd, char* data, size_t size, off_t offset) {
     size_t total = 0;
     while (total < size) {
-        ssize_t n = read(fd, data + total, size - total);
+        ssize_t n = pread(fd, data + total, size - total, offset + static_cast<off_t>(total));
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -93,79 +94,99 @@ static long wifim_read_all(int fd, char* data, size_t size) {
     return static_cast<long>(total);
 }
 
-// Cuts a full log down to its tail. Returns false when the lock could not be
-// had, in which case the caller's line is dropped. The log is also written
-// from signal handlers, so it uses plain system calls and no heap.
-// The log is a root daemon's file at a fixed name in world-writable /tmp:
-// a symbolic link planted there must not make the daemon append to, or
-// empty, another file, so the open fails instead and the line is lost. The
-// lines may carry keys, so the file is the owner's alone whatever the umask
-// (the worker runs with umask 0), also when an older file was more open.
-static int wifim_open_log_file(const char* filename, int extra_flags) {
-    int fd = open(filename, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | extra_flags,
-                  WIFIM_LOG_FILE_MODE);
-    if (fd < 0) {
+// The log is a root daemon's file at a fixed name in world-writable /tmp,
+// and its lines can carry the user's keys. Only a regular file of the
+// daemon's own user with no other name is written to; anything else found at
+// the path was planted there (a link to another file, a FIFO that would hang
+// every writer, a file another user can read) and is replaced by a fresh
+// file. The file is the owner's alone whatever the umask, also when an older
+// file was more open.
+static bool wifim_log_file_is_own(int fd, struct stat* st) {
+    return fstat(fd, st) == 0 && S_ISREG(st->st_mode) && st->st_uid == geteuid() &&
+           st->st_nlink == 1;
+}
+
+// Removes what was found at the log's path, but only while the path still
+// names it, so that two writers replacing the same planted file never
+// remove each other's fresh log.
+static void wifim_remove_planted(const char* filename, const struct stat* planted) {
+    struct stat now;
+    if (lstat(filename, &now) == 0 && now.st_dev == planted->st_dev &&
+        now.st_ino == planted->st_ino && !S_ISDIR(now.st_mode)) {
+        unlink(filename);
+    }
+}
+
+// Opens the log for appending (and reading, for the shrink), without
+// blocking on whatever the path names. -1 when no log can be had: the line
+// is lost.
+static int wifim_open_log_file(const char* filename) {
+    const int flags = O_RDWR | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    int fd = open(filename, flags | O_CREAT, WIFIM_LOG_FILE_MODE);
+    struct stat st;
+    if (fd >= 0 && wifim_log_file_is_own(fd, &st)) {
+        if ((st.st_mode & 07777) != WIFIM_LOG_FILE_MODE) {
+            fchmod(fd, WIFIM_LOG_FILE_MODE);
+        }
+        return fd;
+    }
+    if (fd >= 0) {
+        close(fd);
+        wifim_remove_planted(filename, &st);
+    } else if (errno == ELOOP || errno == ENXIO || errno == EACCES || errno == EPERM) {
+        // A link, a FIFO without reader, a socket, another user's file.
+        if (lstat(filename, &st) == 0) {
+            wifim_remove_planted(filename, &st);
+        }
+    } else {
         return -1;
     }
-    struct stat st;
-    if (fstat(fd, &st) == 0 && (st.st_mode & 07777) != WIFIM_LOG_FILE_MODE) {
+    fd = open(filename, flags | O_CREAT | O_EXCL, WIFIM_LOG_FILE_MODE);
+    if (fd >= 0 && !wifim_log_file_is_own(fd, &st)) {
+        close(fd);
+        return -1;
+    }
+    if (fd >= 0) {
         fchmod(fd, WIFIM_LOG_FILE_MODE);
     }
     return fd;
 }
 
-static bool wifim_shrink_log_file(const char* filename) {
+// Cuts a full log down to its tail. Runs under the writer's lock, from the
+// read of the tail to the rewrite, so that no line another writer appends
+// meanwhile is lost with the cut. The log is also written from signal
+// handlers, so it uses plain system calls and no heap.
+static void wifim_shrink_locked_log(int fd, off_t size) {
     void* mem = mmap(nullptr, WIFIM_LOG_KEEP_SIZE, PROT_READ | PROT_WRITE,
                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mem == MAP_FAILED) {
-        return true;
+        return;
     }
     char* tail = static_cast<char*>(mem);
-    int fd = open(filename, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
-        munmap(mem, WIFIM_LOG_KEEP_SIZE);
-        return true;
-    }
-    if (!wifim_lock_log_file(fd)) {
-        close(fd);
-        munmap(mem, WIFIM_LOG_KEEP_SIZE);
-        return false;
-    }
-    lseek(fd, -WIFIM_LOG_KEEP_SIZE, SEEK_END);
-    long n = wifim_read_all(fd, tail, WIFIM_LOG_KEEP_SIZE);
-    close(fd);
+    off_t from = size > WIFIM_LOG_KEEP_SIZE ? size - WIFIM_LOG_KEEP_SIZE : 0;
+    long n = wifim_read_all_at(fd, tail, WIFIM_LOG_KEEP_SIZE, from);
 
     long keep_from = 0;
     long keep_size = 0;
     wifim_choose_kept_tail(tail, n, &keep_from, &keep_size);
-
-    bool keep_line = true;
-    fd = wifim_open_log_file(filename, O_TRUNC);
-    if (fd >= 0) {
-        keep_line = wifim_lock_log_file(fd);
-        if (keep_line && keep_size > 0) {
-            wifim_write_all(fd, tail + keep_from, static_cast<size_t>(keep_size));
-        }
-        close(fd);
+    if (ftruncate(fd, 0) == 0 && keep_size > 0) {
+        wifim_write_all(fd, tail + keep_from, static_cast<size_t>(keep_size));
     }
     munmap(mem, WIFIM_LOG_KEEP_SIZE);
-    return keep_line;
 }
 
 void wifim_append_str_to_file(const char* filename, const char* msg, long file_max_size) {
-    struct stat st;
-    if (lstat(filename, &st) == 0 && st.st_size >= file_max_size) {
-        if (!wifim_shrink_log_file(filename)) {
-            return;
-        }
-    }
-    int fd = wifim_open_log_file(filename, O_APPEND);
+    int fd = wifim_open_log_file(filename);
     if (fd < 0) {
         return;
     }
     if (!wifim_lock_log_file(fd)) {
         close(fd);
         return;
+    }
+    struct stat st;
+    if (fstat(fd, &st) == 0 && st.st_size >= file_max_size) {
+        wifim_shrink_locked_log(fd, st.st_size);
     }
     size_t len = strlen(msg);
     wifim_write_all(fd, msg, len);
