@@ -354,3 +354,17 @@ TEST_F(Log, DatesFollowTheWallClock) {
     strftime(year, sizeof(year), "%Y/", &local);
     EXPECT_EQ(read_file(kLog).compare(0, 5, year), 0) << read_file(kLog);
 }
+
+// A camera's clock goes past January 2038, when a 32-bit time_t wraps: the
+// ARM build (run under emulation by the ARM test run) must date its lines
+// as such.
+TEST_F(Log, DatesPast2038AreWrittenAsSuch) {
+    EXPECT_EQ(sizeof(time_t), 8u);
+    const int64_t june_2040_ms = 2222294400LL * 1000;  // 2040-06-03 00:00:00 UTC
+    int64_t delta_ms = june_2040_ms - wifim_wall_clock_ms();
+    wifim_step_wall_clock(delta_ms);
+    EXPECT_GT(wifim_wall_clock_ms(), 2147483647LL * 1000);
+    wifim_insert_log(LOG_Info, "after 2038");
+    wifim_step_wall_clock(-delta_ms);
+    EXPECT_EQ(read_file(kLog).substr(0, 8), "2040/06/") << read_file(kLog);
+}
