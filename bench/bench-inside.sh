@@ -16,6 +16,10 @@ mixed=${BENCH_MIXED:-10000}
 # worker's own.
 warm_up=${BENCH_WARMUP:-1000}
 armhf_build=${BENCH_ARMHF_BUILD:-}
+# Requests of the long 20-client run that counts the log lines lost.
+log_requests=${BENCH_LOG_REQUESTS:-100000}
+# 1: only the load measures (throughput and log lines lost), then stop.
+load_only=${BENCH_LOAD_ONLY:-0}
 socket=/tmp/wifi_manager.socket
 
 # --- the simulated world: 30 networks in range, 10 of them registered
@@ -76,6 +80,43 @@ top() {  # top JSON KEY: a number from a flat object
 "$bin" -c /tmp/wpa_supplicant.conf -i wlan0 -m 10
 for _ in $(seq 100); do [ -S $socket ] && break; sleep 0.05; done
 sleep 3  # the first scans
+
+# Throughput from 1, 5 and 20 clients at once, with the log lines the daemon
+# lost meanwhile (its own counts, kept by the benchmark build).
+load_table() {
+  echo "throughput: GetAPList (30 networks) and GetWPSPin..." >&2
+  thr=$("$bench" throughput $socket 6000 function=GetAPList)
+  thr_light=$("$bench" throughput $socket 6000 function=GetWPSPin)
+  echo "log lines: $log_requests GetAPList from 20 clients..." >&2
+  logl=$("$bench" loglines $socket "$log_requests")
+}
+load_row() {  # load_row LABEL JSON CLIENTS
+  printf '| %-36s | %8s/s | %8s µs | %8s µs | %9s | %9s |\n' "$1" \
+    "$(field "$2" "$3" requests_per_s)" "$(field "$2" "$3" median_us)" \
+    "$(field "$2" "$3" p99_us)" "$(field "$2" "$3" log_lines)" "$(field "$2" "$3" log_lost)"
+}
+scaling() {  # scaling NAME JSON: 5 clients' requests/s over 1 client's
+  printf '%s: 5 clients / 1 client, requests/s: %s\n' "$1" \
+    "$(awk -v a="$(field "$2" 5 requests_per_s)" -v b="$(field "$2" 1 requests_per_s)" \
+       'BEGIN {printf "%.2f", a / b}')"
+}
+print_load_table() {
+  printf '| %-36s | %10s | %11s | %11s | %9s | %9s |\n' "Load" "requests/s" "median" "p99" \
+    "log lines" "lost"
+  printf '|%s|%s|%s|%s|%s|%s|\n' "--------------------------------------" "------------" \
+    "-------------" "-------------" "-----------" "-----------"
+  for c in 1 5 20; do load_row "GetAPList, $c client(s)" "$thr" "$c"; done
+  for c in 1 5 20; do load_row "GetWPSPin, $c client(s)" "$thr_light" "$c"; done
+  load_row "GetAPList, 20 clients, $log_requests requests" "$logl" 20
+  scaling GetAPList "$thr"
+  scaling GetWPSPin "$thr_light"
+}
+if [ "$load_only" = 1 ]; then
+  load_table
+  echo
+  print_load_table
+  exit 0
+fi
 sup=$(supervisor_of)
 worker=$(child_of "$sup")
 sup_rss0=$(rss_kib "$sup"); sup_pss0=$(pss_kib "$sup")
@@ -95,8 +136,7 @@ echo "round trips: $requests requests of each kind..." >&2
 req=$("$bench" requests $socket "$requests")
 sup_rss1=$(rss_kib "$sup"); sup_pss1=$(pss_kib "$sup")
 rss1=$(rss_kib "$worker"); pss1=$(pss_kib "$worker"); threads1=$(threads "$worker")
-echo "throughput..." >&2
-thr=$("$bench" throughput $socket 6000)
+load_table
 echo "connect..." >&2
 con=$("$bench" connect $socket 10)
 
@@ -154,7 +194,7 @@ real_growth=$((real_worker_rss - real_rss_warm))
 growth=$((sim_growth > real_growth ? sim_growth : real_growth))
 
 json="{\"machine\":\"$(nproc) cores, $(uname -m), $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)\","
-json+="\"requests\":$req,\"throughput\":$thr,\"connect\":$con,"
+json+="\"requests\":$req,\"throughput\":$thr,\"throughput_light\":$thr_light,\"log_lines\":$logl,\"connect\":$con,"
 json+="\"client\":{\"wifi_manager_C\":$cli,\"wpa_cli_status\":$wpacli,\"ratio\":$ratio,\"armhf_emulated\":$arm_cli},"
 json+="\"warm_up_requests\":$warm_up,\"mixed_requests\":$mixed,\"worker_growth_kib\":{\"simulator\":$sim_growth,\"wpa_supplicant\":$real_growth},"
 json+="\"memory_kib\":{\"supervisor_rss_start\":$sup_rss0,\"supervisor_pss_start\":$sup_pss0,"
@@ -196,10 +236,6 @@ for k in GetAPList GetNetSetting GetWPSPin unknown; do
   printf '| %-42s | %9s µs | %9s µs | %9s µs |\n' "round trip, $k" \
     "$(field "$req" "$k" median_us)" "$(field "$req" "$k" p99_us)" "$(field "$req" "$k" max_us)"
 done
-for c in 1 5 20; do
-  printf '| %-42s | %9s/s | %9s µs | %12s |\n' "GetAPList, $c client(s): requests/s, p99" \
-    "$(field "$thr" "$c" requests_per_s)" "$(field "$thr" "$c" p99_us)" ""
-done
 printf '| %-42s | %9s µs | %9s µs | %12s |\n' "wifi_manager -C GetNetSetting (process)" "$cli_med" "$(top "$cli" p99_us)" ""
 printf '| %-42s | %9s µs | %9s µs | %12s |\n' "wpa_cli status (process)" "$wpacli_med" "$(top "$wpacli" p99_us)" ""
 printf '| %-42s | %12s | %12s | %12s |\n' "ratio of medians, -C / wpa_cli" "$ratio" "" ""
@@ -213,5 +249,7 @@ printf '| %-42s | %12s | %12s | %12s |\n' "worker threads, start / after" "$thre
 printf '| %-42s | %12s | %12s | %12s |\n' "stripped executable, bytes" "$size" "" ""
 printf '| %-42s | %11s%% | %12s | %12s |\n' "idle connected: CPU of one core" "$idle_cpu_pct" "" ""
 printf '| %-42s | %12s | %12s | %12s |\n' "idle connected: wake-ups per second" "$wakeups" "" ""
+echo
+print_load_table
 echo
 echo "JSON: $build/bench.json"

@@ -2,7 +2,11 @@
 // for scripts/bench.sh to gather:
 //
 //   wifim_bench requests SOCKET COUNT      round trip of four kinds of request
-//   wifim_bench throughput SOCKET COUNT    GetAPList from 1, 5 and 20 clients
+//   wifim_bench throughput SOCKET COUNT [REQUEST]
+//                                          GetAPList (or REQUEST) from 1, 5 and
+//                                          20 clients, with the log lines lost
+//   wifim_bench loglines SOCKET COUNT      GetAPList from 20 clients, for the
+//                                          log lines lost over a long run
 //   wifim_bench connect SOCKET COUNT       ConnectAP answered at once
 //   wifim_bench run COUNT PROGRAM [ARG]... a whole process, start to end
 //   wifim_bench pair COUNT A... -- B...    two programs run by turns, and the
@@ -26,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "fixed_paths.h"
 #include "raw_client.h"
 
 namespace {
@@ -88,42 +93,91 @@ int bench_requests(const char* socket_path, int count) {
     return 0;
 }
 
-int bench_throughput(const char* socket_path, int count) {
+// The log's own counts of the lines it was asked to write and of those that
+// reached the file (a benchmark build keeps them); false without them.
+bool read_log_counters(uint64_t* attempted, uint64_t* written) {
+    uint64_t counters[2] = {0, 0};
+    int fd = open(WIFIM_LOG_COUNTERS_FILE, O_RDONLY);
+    if (fd < 0) {
+        return false;
+    }
+    bool ok = pread(fd, counters, sizeof(counters), 0) == static_cast<ssize_t>(sizeof(counters));
+    close(fd);
+    *attempted = counters[0];
+    *written = counters[1];
+    return ok;
+}
+
+struct load_result {
+    double requests_per_s = 0;
+    summary latency;
+    long long log_lines = -1;  // -1: the daemon keeps no counts
+    long long log_lost = -1;
+};
+
+// count requests from `clients` clients at once, each one after the other.
+load_result run_load(const char* socket_path, const char* request, int clients, int count) {
+    std::vector<std::vector<double>> samples(static_cast<size_t>(clients));
+    std::atomic<size_t> failed{0};
+    std::vector<std::thread> threads;
+    uint64_t tried0 = 0, written0 = 0, tried1 = 0, written1 = 0;
+    bool counted = read_log_counters(&tried0, &written0);
+    double start = now_us();
+    for (int c = 0; c < clients; c++) {
+        threads.emplace_back([&, c] {
+            std::string answer;
+            for (int i = c; i < count; i += clients) {
+                double t = now_us();
+                if (wifim_raw::round_trip(socket_path, request, &answer)) {
+                    samples[static_cast<size_t>(c)].push_back(now_us() - t);
+                } else {
+                    failed++;
+                }
+            }
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    double seconds = (now_us() - start) / 1e6;
+    std::vector<double> all;
+    for (auto& s : samples) {
+        all.insert(all.end(), s.begin(), s.end());
+    }
+    load_result r;
+    r.requests_per_s = static_cast<double>(all.size()) / seconds;
+    r.latency = summarize(all, failed);
+    if (counted && read_log_counters(&tried1, &written1)) {
+        r.log_lines = static_cast<long long>(tried1 - tried0);
+        r.log_lost = static_cast<long long>((tried1 - tried0) - (written1 - written0));
+    }
+    return r;
+}
+
+void print_load(const char* name, const load_result& r, bool comma) {
+    printf(
+        "\"%s\":{\"requests_per_s\":%.0f,\"median_us\":%.1f,\"p99_us\":%.1f,\"failed\":%zu,"
+        "\"log_lines\":%lld,\"log_lost\":%lld}%s",
+        name, r.requests_per_s, r.latency.median, r.latency.p99, r.latency.failed, r.log_lines,
+        r.log_lost, comma ? "," : "");
+}
+
+// One request from 1, 5 and 20 clients at once.
+int bench_throughput(const char* socket_path, const char* request, int count) {
     const int levels[] = {1, 5, 20};
     printf("{");
     for (int l = 0; l < 3; l++) {
-        int clients = levels[l];
-        std::vector<std::vector<double>> samples(static_cast<size_t>(clients));
-        std::atomic<size_t> failed{0};
-        std::vector<std::thread> threads;
-        double start = now_us();
-        for (int c = 0; c < clients; c++) {
-            threads.emplace_back([&, c] {
-                std::string answer;
-                for (int i = c; i < count; i += clients) {
-                    double t = now_us();
-                    if (wifim_raw::round_trip(socket_path, "function=GetAPList", &answer)) {
-                        samples[static_cast<size_t>(c)].push_back(now_us() - t);
-                    } else {
-                        failed++;
-                    }
-                }
-            });
-        }
-        for (auto& t : threads) {
-            t.join();
-        }
-        double seconds = (now_us() - start) / 1e6;
-        std::vector<double> all;
-        for (auto& s : samples) {
-            all.insert(all.end(), s.begin(), s.end());
-        }
-        summary s = summarize(all, failed);
-        printf(
-            "\"%d\":{\"requests_per_s\":%.0f,\"median_us\":%.1f,\"p99_us\":%.1f,\"failed\":%zu}%s",
-            clients, static_cast<double>(all.size()) / seconds, s.median, s.p99, s.failed,
-            l < 2 ? "," : "");
+        std::string name = std::to_string(levels[l]);
+        print_load(name.c_str(), run_load(socket_path, request, levels[l], count), l < 2);
     }
+    printf("}\n");
+    return 0;
+}
+
+// A long run of 20 clients, for the log lines it loses.
+int bench_log_lines(const char* socket_path, int count) {
+    printf("{");
+    print_load("20", run_load(socket_path, "function=GetAPList", 20, count), false);
     printf("}\n");
     return 0;
 }
@@ -228,7 +282,10 @@ int main(int argc, char** argv) {
         return bench_requests(argv[2], atoi(argv[3]));
     }
     if (argc >= 4 && strcmp(argv[1], "throughput") == 0) {
-        return bench_throughput(argv[2], atoi(argv[3]));
+        return bench_throughput(argv[2], argc >= 5 ? argv[4] : "function=GetAPList", atoi(argv[3]));
+    }
+    if (argc >= 4 && strcmp(argv[1], "loglines") == 0) {
+        return bench_log_lines(argv[2], atoi(argv[3]));
     }
     if (argc >= 4 && strcmp(argv[1], "connect") == 0) {
         return bench_connect(argv[2], atoi(argv[3]));
@@ -249,10 +306,11 @@ int main(int argc, char** argv) {
             return bench_pair(atoi(argv[2]), argv + 3, b + 1);
         }
     }
-    fprintf(
-        stderr,
-        "usage: %s requests|throughput|connect|mixed SOCKET COUNT | run COUNT PROGRAM [ARG]... | "
-        "pair COUNT A [ARG]... -- B [ARG]...\n",
-        argv[0]);
+    fprintf(stderr,
+            "usage: %s requests|connect|mixed|loglines SOCKET COUNT | throughput SOCKET COUNT "
+            "[REQUEST] "
+            "| run COUNT PROGRAM [ARG]... | "
+            "pair COUNT A [ARG]... -- B [ARG]...\n",
+            argv[0]);
     return 2;
 }

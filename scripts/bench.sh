@@ -10,13 +10,15 @@
 # client is timed under emulation too.
 #
 #   scripts/bench.sh     (BENCH_IDLE_S=60, BENCH_REQUESTS=10000, BENCH_WARMUP=1000,
-#                         BENCH_MIXED=10000 by default)
+#                         BENCH_MIXED=10000, BENCH_LOG_REQUESTS=100000 by default;
+#                         BENCH_LOAD_ONLY=1 measures only the load table)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/deps.sh binutils
 build=${WIFIM_BENCH_BUILD_DIR:-build-bench}
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
+# The log keeps its counts of lines tried and written for the load measures.
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DWIFIM_LOG_COUNTERS=ON >/dev/null
 cmake --build "$build" -j2 --target wifi_manager wpa_sim wifim_bench
 if [ -z "${BENCH_ARMHF_BUILD:-}" ] && [ -x build-armhf/wifi_manager/wifi_manager ]; then
   export BENCH_ARMHF_BUILD=$PWD/build-armhf

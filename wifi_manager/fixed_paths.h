@@ -7,6 +7,9 @@
 #define WIFIM_SOCKET_FILE "/tmp/wifi_manager.socket"
 // The one log file of supervisor and worker.
 #define WIFIM_LOG_FILE "/tmp/wifi_manager.log"
+// Benchmark builds only (WIFIM_LOG_COUNTERS): the lines the log was asked to
+// write and the lines that reached it, two native 64-bit counters.
+#define WIFIM_LOG_COUNTERS_FILE "/tmp/wifi_manager.log.counts"
 // Registered profiles and IP settings of the station.
 #define WIFIM_PROFILE_FILE "/www/nvram.wifista"
 // Present while the station is connected; removed when the link drops.

@@ -1,6 +1,7 @@
 // The log: one line per call, shared by the supervisor, the worker and all of
-// the worker's threads, serialised only by an exclusive lock on the file,
-// which a writer holds from the size check to the end of its line.
+// the worker's threads. A process's threads take turns through a mutex; the
+// processes through an exclusive lock on the file, which a writer holds from
+// the size check to the end of its line.
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -14,6 +15,8 @@
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "../fixed_paths.h"
 #include "wifi_manager.h"
@@ -175,14 +178,15 @@ static void wifim_shrink_locked_log(int fd, off_t size) {
     munmap(mem, WIFIM_LOG_KEEP_SIZE);
 }
 
-void wifim_append_str_to_file(const char* filename, const char* msg, long file_max_size) {
+// Appends one line; false when it was lost (no file, no lock).
+static bool wifim_append_line(const char* filename, const char* msg, long file_max_size) {
     int fd = wifim_open_log_file(filename);
     if (fd < 0) {
-        return;
+        return false;
     }
     if (!wifim_lock_log_file(fd)) {
         close(fd);
-        return;
+        return false;
     }
     struct stat st;
     if (fstat(fd, &st) == 0 && st.st_size >= file_max_size) {
@@ -194,7 +198,75 @@ void wifim_append_str_to_file(const char* filename, const char* msg, long file_m
         wifim_write_all(fd, "\n", 1);
     }
     close(fd);
+    return true;
 }
+
+// The threads of one process take turns on the log through a mutex of its
+// own, so they wait for each other without sleeping; the file lock, with its
+// paced attempts, is left to the two processes that share the file (the
+// supervisor and the worker). A thread that still has no turn after this
+// long drops its line rather than wait for ever: a fault inside a log write
+// would otherwise hold up the fault handler, which logs too, for good.
+#define WIFIM_LOG_TURN_WAIT_MS 2000
+
+static pthread_mutex_t g_wifim_log_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+static bool wifim_take_log_turn() {
+    struct timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += WIFIM_LOG_TURN_WAIT_MS / 1000;
+    return pthread_mutex_clocklock(&g_wifim_log_mutex, CLOCK_MONOTONIC, &deadline) == 0;
+}
+
+static bool wifim_append_line_in_turn(const char* filename, const char* msg, long file_max_size) {
+    if (!wifim_take_log_turn()) {
+        return false;
+    }
+    bool written = wifim_append_line(filename, msg, file_max_size);
+    pthread_mutex_unlock(&g_wifim_log_mutex);
+    return written;
+}
+
+void wifim_append_str_to_file(const char* filename, const char* msg, long file_max_size) {
+    wifim_append_line_in_turn(filename, msg, file_max_size);
+}
+
+#ifdef WIFIM_LOG_COUNTERS
+// Benchmark builds count every line the daemon tries to write and every line
+// that reaches the file, in a small file that the supervisor and the worker
+// both map, so that a benchmark can tell how many lines were lost under
+// load. (A reader following the log could not: the cut of a full log
+// removes whatever was appended since that reader's last look.)
+struct wifim_log_counters {
+    std::atomic<uint64_t> attempted;
+    std::atomic<uint64_t> written;
+};
+
+static wifim_log_counters* wifim_map_log_counters() {
+    int fd = open(WIFIM_LOG_COUNTERS_FILE, O_RDWR | O_CREAT | O_CLOEXEC, WIFIM_LOG_FILE_MODE);
+    if (fd < 0) {
+        return nullptr;
+    }
+    void* mem = MAP_FAILED;
+    if (ftruncate(fd, sizeof(wifim_log_counters)) == 0) {
+        mem = mmap(nullptr, sizeof(wifim_log_counters), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    }
+    close(fd);
+    return mem == MAP_FAILED ? nullptr : static_cast<wifim_log_counters*>(mem);
+}
+
+static void wifim_count_log_line(bool written) {
+    static wifim_log_counters* counters = wifim_map_log_counters();
+    if (counters != nullptr) {
+        counters->attempted++;
+        if (written) {
+            counters->written++;
+        }
+    }
+}
+#else
+static void wifim_count_log_line(bool) {}
+#endif
 
 // The signals whose handlers log. They are held back while this thread
 // writes a line, so that a handler never re-enters the log (or the time
@@ -233,7 +305,7 @@ void wifim_insert_log(LogLevel msg_level, const char* str, ...) {
         }
     }
     if (msg_level >= 0) {
-        wifim_append_str_to_file(WIFIM_LOG_FILE, line, WIFIM_LOG_MAX_SIZE);
+        wifim_count_log_line(wifim_append_line_in_turn(WIFIM_LOG_FILE, line, WIFIM_LOG_MAX_SIZE));
     }
     pthread_sigmask(SIG_SETMASK, &saved_mask, nullptr);
 }
