@@ -526,6 +526,54 @@ TEST_F(AutoConnect, ChoosesByPriorityMovesOnWhenTheAccessPointVanishesAndComesBa
     EXPECT_EQ(read_file(WIFIM_PROFILE_FILE), profiles);
 }
 
+// ------------------------------------------------------------ a failed attempt at the registered
+// network
+
+class FailedConnect : public Radio {};
+
+// The camera is on its registered WPA2 network when a person asks it to
+// join that network with a mistyped passphrase. The attempt fails and takes
+// the station off the network; the profile keeps its key, key form and
+// priority, and the automatic connection takes the station back to the
+// same access point on its own.
+TEST_F(FailedConnect, WrongPassphraseAtTheRegisteredNetworkAndTheCameraReturnsOnItsOwn) {
+    const std::string profiles =
+        static_settings("192.168.50") +
+        profile_entry(1, radio::kWpa2.ssid, "wpa2", radio::kWpa2.key, "ascii", 1);
+    start_daemon(profiles);
+    ASSERT_TRUE(wait_connected_to(radio::kWpa2, 120000)) << station("STATUS");
+    const std::string tried = "Try to connect to SSID : radio-wpa2, network id:-1, skip bssid:";
+    ASSERT_EQ(log_count(tried), 1);
+
+    std::string answer = ask(connect_request(radio::kWpa2, "wpa2", "wrong-passphrase-123"));
+    long answered = wifim_test::now_ms();
+    // The attempt runs to its deadline and ends on the last status an event
+    // produced, as for any wrong passphrase.
+    auto ends = wifim_test::log_lines_with("], connect fail, connect result:");
+    ASSERT_EQ(ends.size(), 1u);
+    int result = atoi(ends[0].substr(ends[0].rfind(':') + 1).c_str());
+    EXPECT_EQ(answer, command_answer("wifista_connecte", connect_code(result), 1));
+    EXPECT_NE(connect_code(result), 0);
+    EXPECT_EQ(read_file(WIFIM_PROFILE_FILE), profiles);
+
+    // The client's back-off holds the automatic scan and connection 5 s;
+    // a real scan takes a few seconds and the association one or two.
+    ASSERT_TRUE(wait_connected_to(radio::kWpa2, 120000)) << station("STATUS");
+    long back = wifim_test::now_ms() - answered;
+    auto tries = wifim_test::log_lines_with(tried);
+    ASSERT_EQ(tries.size(), 2u);
+    // Nothing passed over: the failed attempt used the network's only
+    // access point.
+    EXPECT_EQ(tries[1].substr(tries[1].size() - 13), ", skip bssid:") << tries[1];
+    EXPECT_NE(ask("function=GetConnected").find("<ssid><![CDATA[radio-wpa2]]></ssid>"),
+              std::string::npos);
+    // The automatic connection registers nothing either.
+    EXPECT_EQ(read_file(WIFIM_PROFILE_FILE), profiles);
+    RecordProperty("back_on_network_ms", std::to_string(back));
+    std::cout << "wrong passphrase at the registered network: answered " << connect_code(result)
+              << ", station back on it " << back << " ms later\n";
+}
+
 // ------------------------------------------------------------ operations
 
 TEST_F(Operations, DisconnectDemotesTheProfileAndRemoveForgetsIt) {

@@ -291,6 +291,10 @@ std::string sim_handle_command(const std::string& command, const sim_client& fro
             sim_log(command, "(no answer)");
             return "";
         }
+        // ONCE fails this command the next time only.
+        if (fault->second == "ONCE") {
+            g_sim.faults.erase(fault);
+        }
         sim_log(command, "FAIL");
         return "FAIL\n";
     }

@@ -75,7 +75,8 @@ struct sim_state {
     int current_id = -1;
     std::string current_bssid;
     long attempt_generation = 0;
-    // Commands to answer with FAIL or not at all, by their first word.
+    // Commands to answer with FAIL (every time or once) or not at all, by
+    // their first word.
     std::map<std::string, std::string> faults;
     std::vector<sim_timer> timers;
     bool running = true;

@@ -419,6 +419,38 @@ TEST_F(ServiceLoop, DisconnectDemotesTheProfile) {
               std::string::npos);
 }
 
+TEST_F(ServiceLoop, AfterAClientsFailedConnectTheStationReturnsToItsNetworkOnItsOwn) {
+    start(
+        "ssid_1 = home\nsecurity_1 = wpa2\npasswd_1 = secret123\npasswd_encode_1 = ascii\n"
+        "priority_1 = 1\n");
+    // Once home's one access point is in the scan list, the attempt uses it.
+    ASSERT_TRUE(wifim_test::wait_until(
+        [this] {
+            std::vector<wifi_ap_info> seen;
+            wpacm_get_wifi_ap_list(data, seen);
+            return std::any_of(seen.begin(), seen.end(),
+                               [](const wifi_ap_info& a) { return a.ssid == "home"; });
+        },
+        60000));
+    // A key that wpa_supplicant refuses.
+    EXPECT_EQ(connect(ap("home", WIFI_SECURITY_ANY_WPA, "wrongk1")), WIFI_CONNECT_STATUS_FAIL);
+    ASSERT_EQ(wifim_test::log_lines_with(
+                  "], add network id:0 for connect to SSID:home, BSSID:00:11:22:33:44:55")
+                  .size(),
+              1u);
+    // The automatic connection comes 5 s after the failed attempt, after a
+    // scan, and passes over no access point.
+    ASSERT_TRUE(wifim_test::wait_until(
+        [this] {
+            return wifim_test::file_exists("/tmp/wifista_connected") &&
+                   sim_control(sim, "STATE") == "COMPLETED\n";
+        },
+        60000));
+    auto tries = wifim_test::log_lines_with("], Try to connect to SSID : home, network id:-1");
+    ASSERT_EQ(tries.size(), 1u);
+    EXPECT_EQ(tries[0].substr(tries[0].size() - 13), ", skip bssid:") << tries[0];
+}
+
 TEST_F(ServiceLoop, RemovingAnUnregisteredConnectedSsidStillDisconnects) {
     start();
     wifi_ap_info cafe = ap("cafe", WIFI_SECURITY_NONE);
@@ -516,6 +548,24 @@ TEST_F(Profiles, AutomaticChoiceSkipsPriorityZeroAndTheLastBssid) {
     clear_wifi_ap_info(&loop_state.candidate);
     loop_state.last_bssid = "";
     EXPECT_EQ(wpacm_choose_profile(&loop_state), -2);
+}
+
+// Only a client's attempt that did not connect leaves nothing to pass over;
+// an automatic attempt, failed or not, and a client's success leave their
+// access point.
+TEST(PassedOverAccessPoint, OnlyAClientsFailedAttemptLeavesNone) {
+    wpacm_job_data_struct job;
+    clear_wifi_ap_info(&job.ap_info);
+    job.ap_info.bssid = "00:11:22:33:44:55";
+    job.high_priority = true;
+    EXPECT_EQ(wpacm_bssid_to_pass_over(job, WIFI_CONNECT_STATUS_CONNECTED), "00:11:22:33:44:55");
+    EXPECT_EQ(wpacm_bssid_to_pass_over(job, WIFI_CONNECT_STATUS_EXPIRE), "");
+    EXPECT_EQ(wpacm_bssid_to_pass_over(job, WIFI_CONNECT_STATUS_ASSOC_REJECT), "");
+    EXPECT_EQ(wpacm_bssid_to_pass_over(job, WIFI_CONNECT_STATUS_FAIL), "");
+    job.high_priority = false;
+    EXPECT_EQ(wpacm_bssid_to_pass_over(job, WIFI_CONNECT_STATUS_CONNECTED), "00:11:22:33:44:55");
+    EXPECT_EQ(wpacm_bssid_to_pass_over(job, WIFI_CONNECT_STATUS_EXPIRE), "00:11:22:33:44:55");
+    EXPECT_EQ(wpacm_bssid_to_pass_over(job, WIFI_CONNECT_STATUS_FAIL), "00:11:22:33:44:55");
 }
 
 TEST_F(Profiles, NoProfileBacksOffThirtySecondsSixTimesThenSixty) {

@@ -47,12 +47,16 @@ static void service_command_answer(service_stream& response_stream, const char* 
     service_end_answer(response_stream, root);
 }
 
-// Connects and records the profile: first in priority after a success,
-// demoted after a failure.
+// Connects and, after a success, records the profile first in priority. A
+// failed attempt records nothing: a mistyped key must not replace the key
+// of the network the camera lives on, nor keep the automatic connection
+// away from it.
 static int service_connect_and_record(void* monitor_data, wifi_ap_info* record) {
     int result = service_connect_result(wpacm_connect_to_ap(monitor_data, record));
-    record->priority = (result == API_SUCCESS) ? 1 : -1;
-    wpacm_update_wifi_profile(monitor_data, record, result == API_SUCCESS);
+    if (result == API_SUCCESS) {
+        record->priority = 1;
+        wpacm_update_wifi_profile(monitor_data, record, true);
+    }
     return result;
 }
 

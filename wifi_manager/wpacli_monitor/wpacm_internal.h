@@ -382,6 +382,9 @@ struct wpacm_loop_state {
     int no_profile_count;
 };
 
+// The BSSID the next automatic choice avoids after a connect job that
+// came to `result`; empty when nothing is to be avoided.
+std::string wpacm_bssid_to_pass_over(const wpacm_job_data_struct& job, int result);
 // Automatic connection: the best registered profile in range.
 int wpacm_choose_profile(wpacm_loop_state* loop);
 void wpacm_auto_connect(wpacm_loop_state* loop);

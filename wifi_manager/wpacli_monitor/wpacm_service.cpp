@@ -145,13 +145,26 @@ static bool wpacm_idle_pass(wpacm_loop_state* loop) {
     return true;
 }
 
+// The access point the next automatic choice passes over after a connect
+// job: the one the job used, so that an automatic attempt that failed there
+// tries another access point before that one again. A client's attempt
+// that failed (a mistyped key, say) says nothing against the access point
+// or the registered profile, so nothing is passed over and the station
+// goes back to its own network.
+std::string wpacm_bssid_to_pass_over(const wpacm_job_data_struct& job, int result) {
+    if (job.high_priority && result != WIFI_CONNECT_STATUS_CONNECTED) {
+        return "";
+    }
+    return job.ap_info.bssid;
+}
+
 static WiFi_Connection_Status wpacm_run_connect_job(wpacm_loop_state* loop,
                                                     wpacm_job_data_struct* job) {
     WPACM_LOG_AS(wpacm_service, LOG_Info, "priority:%s, Connect to AP, ssid:%s",
                  wpacm_priority_word(job->high_priority), job->ap_info.ssid.c_str());
     wpacm_touch_watchdog(loop->data, WPACM_WATCHDOG_NORMAL_S);
     int r = wpacm_connect_ap_private(loop->data, job, loop->command_ctrl, loop->event_ctrl);
-    loop->last_bssid = job->ap_info.bssid;
+    loop->last_bssid = wpacm_bssid_to_pass_over(*job, r);
     loop->no_profile_count = 0;
     return r == WIFI_CONNECT_STATUS_CONNECTED ? WIFI_CONNECT_STATUS_SUCCESS
                                               : static_cast<WiFi_Connection_Status>(r);
