@@ -315,3 +315,32 @@ TEST_F(DaemonRequests, BadInputKeepsTheDaemonServingAndTheFileWellFormed) {
     EXPECT_EQ(profile.find("ssid_9"), std::string::npos) << profile;
     EXPECT_EQ(ask("function=GetNetSetting").find("<result>0</result>") != std::string::npos, true);
 }
+
+// A name heard over the air cannot end its CDATA section: the answer keeps
+// one element per network, and the name reads back whole.
+TEST_F(DaemonRequests, ApNamedToForgeTheAnswerStaysInsideItsSsidElement) {
+    start(
+        "scan_delay_ms 50\n"
+        "ap 00:11:22:33:44:55 2437 -65 [ESS] key=- wps=- ssid=]]></ssid><connected>1\n");
+    wait_for_scan();
+    EXPECT_EQ(ask("function=GetAPList"),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<wifista_ap_list>\n<result>0</result>\n"
+              "<enable>1</enable>\n"
+              " <ap_data>\n  <ssid><![CDATA[]]]]><![CDATA[></ssid><connected>1]]></ssid>\n"
+              "  <security>none</security>\n"
+              "  <signal>50</signal>\n  <registered>0</registered>\n  <scanned>1</scanned>\n"
+              "  <connected>0</connected>\n </ap_data>\n"
+              "</wifista_ap_list>\n");
+}
+
+TEST_F(DaemonRequests, NetworkSettingsWithMarkupCharactersAreEscaped) {
+    start();
+    ask("function=SetNetSetting\ndhcp=0\ndns_dhcp=0\nip_addr=10.0.0.5\nnetmask=255.0.0.0\n"
+        "gateway=10.0.0.1\ndns_server1=</dns_server1><x>&\ndns_server2=9.9.9.9");
+    EXPECT_EQ(ask("function=GetNetSetting"),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<wifista_getnetwork>\n"
+              "<result>0</result>\n<dhcp>0</dhcp>\n<ip_addr>10.0.0.5</ip_addr>\n"
+              "<netmask>255.0.0.0</netmask>\n<gateway>10.0.0.1</gateway>\n<dns_dhcp>0</dns_dhcp>\n"
+              "<dns_server1>&lt;/dns_server1&gt;&lt;x&gt;&amp;</dns_server1>\n"
+              "<dns_server2>9.9.9.9</dns_server2>\n</wifista_getnetwork>\n");
+}
