@@ -392,8 +392,7 @@ TEST_F(DaemonRequests, NamesThatAreNotPlainAsciiAreListedAndJoinedByTheirText) {
                         "<security>wpa2</security>\n"),
               std::string::npos);
     std::string profile = wifim_test::read_file("/www/nvram.wifista");
-    EXPECT_NE(profile.find("ssid_1 = Caf\xc3\xa9\n"), std::string::npos)
-        << profile;
+    EXPECT_NE(profile.find("ssid_1 = Caf\xc3\xa9\n"), std::string::npos) << profile;
 
     // Every other name, as the list shows it, joins its own network.
     for (const char* ssid : {"\xe4\xb8\xad\xe6\x96\x87\xe7\xbd\x91", "cam \xf0\x9f\x93\xb7",
