@@ -300,3 +300,69 @@ TEST_F(AgainstRealWpaSupplicant, OpenNetworkConnectsWithTheSameEventAndStatus) {
               (std::vector<std::string>{"network={", "\tssid=\"wired\"", "\tkey_mgmt=NONE",
                                         "\tpriority=1", "}"}));
 }
+
+// Names that are not plain ASCII: set in each form wpa_supplicant takes,
+// read back, listed, shown by STATUS once joined and saved, in the same
+// words by both.
+TEST_F(AgainstRealWpaSupplicant, NamesThatAreNotPlainAsciiAreKeptAndPrintedAlike) {
+    wifim_test::stop_wpa_peer(&sim);
+    ASSERT_TRUE(wifim_test::start_simulator(
+        &sim,
+        std::string(kWorld) + "ap 01:80:c2:00:00:03 0 0 [ESS] key=- wps=- ssid=Caf\xc3\xa9 \"q\\\n",
+        "wlan1"));
+    ctrl_link r_events(real);
+    ctrl_link s_events(sim);
+    ASSERT_EQ(wpa_ctrl_attach(r_events.ctrl), 0);
+    ASSERT_EQ(wpa_ctrl_attach(s_events.ctrl), 0);
+    ctrl_link r(real);
+    ctrl_link s(sim);
+    const char* commands[] = {
+        "REMOVE_NETWORK all",
+        "ADD_NETWORK",
+        "SET_NETWORK 0 ssid 436166c3a9202271 5c",
+        "SET_NETWORK 0 ssid 436166c3a92022715c",
+        "GET_NETWORK 0 ssid",
+        "ADD_NETWORK",
+        "SET_NETWORK 1 ssid P\"Caf\\xe9\\n\\\"\\\\\"",
+        "GET_NETWORK 1 ssid",
+        "ADD_NETWORK",
+        "SET_NETWORK 2 ssid \"a\"b\\c\"",
+        "GET_NETWORK 2 ssid",
+        "SET_NETWORK 2 ssid 6122625c63",
+        "GET_NETWORK 2 ssid",
+        "LIST_NETWORKS",
+        "SET_NETWORK 0 key_mgmt NONE",
+        // A WPA-PSK network without a key is never saved.
+        "SET_NETWORK 1 key_mgmt NONE",
+        "SET_NETWORK 2 key_mgmt NONE",
+        "DISABLE_NETWORK 1",
+        "DISABLE_NETWORK 2",
+        "ENABLE_NETWORK 0",
+        "RECONNECT",
+    };
+    for (const char* command : commands) {
+        expect_same(r, s, command);
+    }
+    std::string real_event = r_events.wait_event("CTRL-EVENT-CONNECTED", 10000);
+    EXPECT_NE(real_event, "");
+    EXPECT_EQ(s_events.wait_event("CTRL-EVENT-CONNECTED"), real_event);
+    expect_same(r, s, "STATUS");
+    EXPECT_NE(s.request("STATUS").find("\nssid=Caf\\xc3\\xa9 \\\"q\\\\\n"), std::string::npos);
+    // Both peers save to the same file: each file is read after its save.
+    auto ssid_lines = [](const std::string& text) {
+        std::vector<std::string> out;
+        for (const auto& line : wifim_test::split_lines(text)) {
+            if (line.rfind("\tssid=", 0) == 0) {
+                out.push_back(line);
+            }
+        }
+        return out;
+    };
+    ASSERT_EQ(r.request("SAVE_CONFIG"), "OK\n");
+    std::vector<std::string> real_lines = ssid_lines(wifim_test::read_file(real.config));
+    ASSERT_EQ(s.request("SAVE_CONFIG"), "OK\n");
+    EXPECT_EQ(ssid_lines(wifim_test::read_file(sim.config)), real_lines);
+    EXPECT_EQ(real_lines,
+              (std::vector<std::string>{"\tssid=436166c3a92022715c", "\tssid=436166e90a225c",
+                                        "\tssid=\"a\"b\\c\""}));
+}

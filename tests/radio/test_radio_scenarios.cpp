@@ -1193,3 +1193,141 @@ TEST_F(Clock, StepBackAnHourAndForwardAYearKeepsTheStation) {
     std::cout << "clock steps: scenario " << took << " ms, forward step tried " << tries
               << " time(s)\n";
 }
+
+// ------------------------------------------------------------ network names
+//
+// Open access points whose names are not plain ASCII (world.sh: one hostapd
+// on names0..names6, left disabled for every other scenario). wpa_supplicant
+// prints their SSIDs escaped; the daemon lists, joins and stores them by
+// their text.
+
+namespace {
+
+struct named_access_point {
+    access_point ap;
+    std::string name;     // as the daemon lists it and ConnectAP takes it
+    std::string printed;  // as wpa_supplicant prints the SSID
+};
+
+const std::vector<named_access_point>& named_access_points() {
+    static const std::vector<named_access_point> list = {
+        {{"", "names0", "02:00:00:00:06:00", ""},
+         "Caf\xc3\xa9 Cr\xc3\xa8me",
+         "Caf\\xc3\\xa9 Cr\\xc3\\xa8me"},
+        {{"", "names1", "02:00:00:00:06:01", ""},
+         "\xe5\x92\x96\xe5\x95\xa1\xe9\xa6\x86",
+         "\\xe5\\x92\\x96\\xe5\\x95\\xa1\\xe9\\xa6\\x86"},
+        {{"", "names2", "02:00:00:00:06:02", ""},
+         "\xf0\x9f\x93\xb7 camera",
+         "\\xf0\\x9f\\x93\\xb7 camera"},
+        {{"", "names3", "02:00:00:00:06:03", ""}, "say \"cheese\"", "say \\\"cheese\\\""},
+        {{"", "names4", "02:00:00:00:06:04", ""}, "back\\slash", "back\\\\slash"},
+        // Latin-1, not UTF-8: named in the escaped form inside P"...".
+        {{"", "names5", "02:00:00:00:06:05", ""}, "P\"Caf\\xe9\"", "Caf\\xe9"},
+        {{"", "names6", "02:00:00:00:06:06", ""},
+         "Caf\xc3\xa9 \"\xe5\x92\x96\xe5\x95\xa1\" \\ \xf0\x9f\x93\xb7",
+         "Caf\\xc3\\xa9 \\\"\\xe5\\x92\\x96\\xe5\\x95\\xa1\\\" \\\\ \\xf0\\x9f\\x93\\xb7"},
+    };
+    return list;
+}
+
+}  // namespace
+
+class NetworkNames : public Radio {
+  protected:
+    void SetUp() override {
+        Radio::SetUp();
+        const access_point& first = named_access_points()[0].ap;
+        radio::access_point_command(first, "ENABLE");
+        ASSERT_TRUE(wait_until(
+            [&] {
+                return reply_value(radio::access_point_command(first, "STATUS"), "state") ==
+                       "ENABLED";
+            },
+            10000))
+            << "the named access points are not up (world.sh's network names section)";
+    }
+    void TearDown() override {
+        Radio::TearDown();
+        radio::access_point_command(named_access_points()[0].ap, "DISABLE");
+    }
+    void wait_connected_to_named(const named_access_point& named, int timeout_ms) {
+        EXPECT_TRUE(wait_connected_to(named.ap, timeout_ms)) << station("STATUS");
+        EXPECT_EQ(reply_value(station("STATUS"), "ssid"), named.printed);
+    }
+};
+
+TEST_F(NetworkNames, ListedByTheirTextAndJoinedByConnectAP) {
+    start_daemon(static_settings("192.168.50"));
+    for (const named_access_point& named : named_access_points()) {
+        wait_in_range(named.name);
+    }
+    std::string scan = station("SCAN_RESULTS");
+    std::string answer = ask("function=GetAPList");
+    for (const named_access_point& named : named_access_points()) {
+        std::string line = radio::scan_line(scan, named.ap.bssid);
+        ASSERT_FALSE(line.empty()) << named.name << " not in the station's scan:\n" << scan;
+        std::vector<std::string> fields;
+        size_t start = 0;
+        for (size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1) {
+            fields.push_back(line.substr(start, tab - start));
+        }
+        fields.push_back(line.substr(start));
+        ASSERT_EQ(fields.size(), 5u) << line;
+        // The real stack's own escaping, which the daemon decodes.
+        EXPECT_EQ(fields[4], named.printed);
+        std::string block = " <ap_data>\n  <ssid><![CDATA[" + named.name +
+                            "]]></ssid>\n  <security>none</security>\n  <signal>" +
+                            std::to_string(signal_percent(atoi(fields[2].c_str()))) +
+                            "</signal>\n  <registered>0</registered>\n  <scanned>1</scanned>\n"
+                            "  <connected>0</connected>\n </ap_data>\n";
+        EXPECT_NE(answer.find(block), std::string::npos) << block << "in\n" << answer;
+    }
+    for (const named_access_point& named : named_access_points()) {
+        SCOPED_TRACE(named.name);
+        EXPECT_EQ(ask("function=ConnectAP\nssid=" + named.name + "\nsecurity=none\npassword="),
+                  command_answer("wifista_connecte", 0, 1));
+        wait_connected_to_named(named, 10000);
+        EXPECT_EQ(ask("function=GetConnected"),
+                  connected_answer(named.name, "none", "192.168.50.2", "192.168.50.1",
+                                   "192.168.50.53", ""));
+        // Registered under its name, as the client gave it.
+        EXPECT_NE(read_file(WIFIM_PROFILE_FILE).find(" = " + named.name + "\nsecurity_"),
+                  std::string::npos)
+            << read_file(WIFIM_PROFILE_FILE);
+    }
+}
+
+// The registered name is matched with its escaped scan entry and joined by
+// the daemon on its own; after the access point drops the station, the
+// station is back on that network and the daemon reports it by its name.
+TEST_F(NetworkNames, RegisteredNameIsJoinedOnItsOwnAndRejoinedAfterADrop) {
+    const named_access_point& named = named_access_points()[6];
+    start_daemon(static_settings("192.168.50") +
+                 profile_entry(1, named.name, "none", "", "ascii", 1));
+    wait_connected_to_named(named, 120000);
+    EXPECT_EQ(log_count("Try to connect to SSID : " + named.name + ", network id:-1, skip bssid:"),
+              1);
+    EXPECT_TRUE(wait_until([] { return file_exists(WIFIM_CONNECTED_MARKER_FILE); }, 30000));
+    EXPECT_EQ(ask("function=GetConnected"), connected_answer(named.name, "none", "192.168.50.2",
+                                                             "192.168.50.1", "192.168.50.53", ""));
+
+    size_t seen = radio::recorder_count(&station_events);
+    std::string station_address = reply_value(station("STATUS"), "address");
+    ASSERT_EQ(radio::access_point_command(named.ap, "DEAUTHENTICATE " + station_address), "OK\n");
+    ASSERT_GE(radio::recorder_wait(&station_events, seen, "CTRL-EVENT-DISCONNECTED", 30000), 0);
+    ASSERT_GE(radio::recorder_wait(&station_events, seen, "CTRL-EVENT-CONNECTED", 120000), 0)
+        << station("STATUS");
+    wait_connected_to_named(named, 30000);
+    EXPECT_TRUE(wait_until(
+        [&] {
+            return ask("function=GetConnected") == connected_answer(named.name, "none",
+                                                                    "192.168.50.2", "192.168.50.1",
+                                                                    "192.168.50.53", "");
+        },
+        60000))
+        << ask("function=GetConnected");
+    // Nothing was registered anew: the profile is as written.
+    EXPECT_EQ(read_file(WIFIM_PROFILE_FILE),
+              static_settings("192.168.50") + profile_entry(1, named.name, "none", "", "ascii", 1));
+}

@@ -89,3 +89,25 @@ TEST(NameServers, MarkerWithBlanksInsideStillCounts) {
                              dns);
     EXPECT_EQ(dns, (std::vector<std::string>{"1.1.1.1"}));
 }
+
+// Values outside CDATA carry the three characters that would break the XML
+// as entities; every other value is written as it stands.
+TEST(AnswerWriter, ElementValuesEscapeAmpersandAndAngleBrackets) {
+    service_stream out;
+    service_write_element(out, "dns_server1", "1.2.3.4");
+    service_write_element(out, "pin", "a&b<c>d\"e'f");
+    EXPECT_EQ(out.str(), "<dns_server1>1.2.3.4</dns_server1>\n<pin>a&amp;b&lt;c&gt;d\"e'f</pin>\n");
+}
+
+// A "]]>" inside a name would end its CDATA section early: it is split
+// across two sections, which an XML reader joins again.
+TEST(AnswerWriter, NameInCdataSplitsEveryCdataEnd) {
+    service_stream out;
+    service_write_ssid(out, "  ", "home net");
+    service_write_ssid(out, "", "]]></ssid><connected>1");
+    service_write_ssid(out, "", "a]]>b]]]>c");
+    EXPECT_EQ(out.str(),
+              "  <ssid><![CDATA[home net]]></ssid>\n"
+              "<ssid><![CDATA[]]]]><![CDATA[></ssid><connected>1]]></ssid>\n"
+              "<ssid><![CDATA[a]]]]><![CDATA[>b]]]]]><![CDATA[>c]]></ssid>\n");
+}

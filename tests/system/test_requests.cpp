@@ -315,3 +315,97 @@ TEST_F(DaemonRequests, BadInputKeepsTheDaemonServingAndTheFileWellFormed) {
     EXPECT_EQ(profile.find("ssid_9"), std::string::npos) << profile;
     EXPECT_EQ(ask("function=GetNetSetting").find("<result>0</result>") != std::string::npos, true);
 }
+
+// A name heard over the air cannot end its CDATA section: the answer keeps
+// one element per network, and the name reads back whole.
+TEST_F(DaemonRequests, ApNamedToForgeTheAnswerStaysInsideItsSsidElement) {
+    start(
+        "scan_delay_ms 50\n"
+        "ap 00:11:22:33:44:55 2437 -65 [ESS] key=- wps=- ssid=]]></ssid><connected>1\n");
+    wait_for_scan();
+    EXPECT_EQ(ask("function=GetAPList"),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<wifista_ap_list>\n<result>0</result>\n"
+              "<enable>1</enable>\n"
+              " <ap_data>\n  <ssid><![CDATA[]]]]><![CDATA[></ssid><connected>1]]></ssid>\n"
+              "  <security>none</security>\n"
+              "  <signal>50</signal>\n  <registered>0</registered>\n  <scanned>1</scanned>\n"
+              "  <connected>0</connected>\n </ap_data>\n"
+              "</wifista_ap_list>\n");
+}
+
+TEST_F(DaemonRequests, NetworkSettingsWithMarkupCharactersAreEscaped) {
+    start();
+    ask("function=SetNetSetting\ndhcp=0\ndns_dhcp=0\nip_addr=10.0.0.5\nnetmask=255.0.0.0\n"
+        "gateway=10.0.0.1\ndns_server1=</dns_server1><x>&\ndns_server2=9.9.9.9");
+    EXPECT_EQ(ask("function=GetNetSetting"),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<wifista_getnetwork>\n"
+              "<result>0</result>\n<dhcp>0</dhcp>\n<ip_addr>10.0.0.5</ip_addr>\n"
+              "<netmask>255.0.0.0</netmask>\n<gateway>10.0.0.1</gateway>\n<dns_dhcp>0</dns_dhcp>\n"
+              "<dns_server1>&lt;/dns_server1&gt;&lt;x&gt;&amp;</dns_server1>\n"
+              "<dns_server2>9.9.9.9</dns_server2>\n</wifista_getnetwork>\n");
+}
+
+// Access points named with accents, CJK, an emoji, a quote, a backslash,
+// and one whose name is Latin-1 rather than UTF-8; the simulator prints
+// them escaped, as wpa_supplicant does.
+static const char* kNamedWorld =
+    "scan_delay_ms 50\n"
+    "connect_delay_ms 30\n"
+    "ap 00:11:22:33:44:01 2412 -50 [WPA2-PSK-CCMP][ESS] key=secret123 wps=- ssid=Caf\xc3\xa9\n"
+    "ap 00:11:22:33:44:02 2412 -52 [ESS] key=- wps=- ssid=\xe4\xb8\xad\xe6\x96\x87\xe7\xbd\x91\n"
+    "ap 00:11:22:33:44:03 2412 -54 [ESS] key=- wps=- ssid=cam \xf0\x9f\x93\xb7\n"
+    "ap 00:11:22:33:44:04 2412 -56 [ESS] key=- wps=- ssid=say \"hi\"\n"
+    "ap 00:11:22:33:44:05 2412 -58 [ESS] key=- wps=- ssid=back\\slash\n"
+    "ap 00:11:22:33:44:06 2412 -60 [ESS] key=- wps=- ssid=Caf\xe9\n";
+
+static std::string ap_entry(const std::string& ssid, const char* security, int signal,
+                            int registered, int connected) {
+    return " <ap_data>\n  <ssid><![CDATA[" + ssid + "]]></ssid>\n  <security>" + security +
+           "</security>\n  <signal>" + std::to_string(signal) + "</signal>\n  <registered>" +
+           std::to_string(registered) + "</registered>\n  <scanned>1</scanned>\n  <connected>" +
+           std::to_string(connected) + "</connected>\n </ap_data>\n";
+}
+
+TEST_F(DaemonRequests, NamesThatAreNotPlainAsciiAreListedAndJoinedByTheirText) {
+    start(kNamedWorld);
+    wait_for_scan();
+    ASSERT_TRUE(wifim_test::wait_until(
+        [this] { return ask("function=GetAPList").find("Caf\xc3\xa9") != std::string::npos; },
+        60000));
+    const std::string head =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<wifista_ap_list>\n<result>0</result>\n"
+        "<enable>1</enable>\n";
+    EXPECT_EQ(ask("function=GetAPList"),
+              head + ap_entry("Caf\xc3\xa9", "wpa2", 80, 0, 0) +
+                  ap_entry("\xe4\xb8\xad\xe6\x96\x87\xe7\xbd\x91", "none", 76, 0, 0) +
+                  ap_entry("cam \xf0\x9f\x93\xb7", "none", 72, 0, 0) +
+                  ap_entry("say \"hi\"", "none", 68, 0, 0) +
+                  ap_entry("back\\slash", "none", 64, 0, 0) +
+                  ap_entry("P\"Caf\\xe9\"", "none", 60, 0, 0) + "</wifista_ap_list>\n");
+
+    EXPECT_EQ(ask("function=ConnectAP\nssid=Caf\xc3\xa9\nsecurity=wpa2\npassword=secret123"),
+              command_answer("wifista_connecte", 0, 1));
+    EXPECT_NE(wifim_test::wpa_cli(peer, {"STATUS"}).find("\nssid=Caf\\xc3\\xa9\n"),
+              std::string::npos);
+    EXPECT_NE(ask("function=GetConnected")
+                  .find("<ssid><![CDATA[Caf\xc3\xa9]]></ssid>\n"
+                        "<security>wpa2</security>\n"),
+              std::string::npos);
+    std::string profile = wifim_test::read_file("/www/nvram.wifista");
+    EXPECT_NE(profile.find("ssid_1 = Caf\xc3\xa9\n"), std::string::npos) << profile;
+
+    // Every other name, as the list shows it, joins its own network.
+    for (const char* ssid : {"\xe4\xb8\xad\xe6\x96\x87\xe7\xbd\x91", "cam \xf0\x9f\x93\xb7",
+                             "say \"hi\"", "back\\slash", "P\"Caf\\xe9\""}) {
+        EXPECT_EQ(ask(std::string("function=ConnectAP\nssid=") + ssid + "\nsecurity=none"),
+                  command_answer("wifista_connecte", 0, 1))
+            << ssid;
+        EXPECT_NE(ask("function=GetConnected")
+                      .find(std::string("<ssid><![CDATA[") + ssid +
+                            "]]></ssid>\n"
+                            "<security>none</security>\n"),
+                  std::string::npos)
+            << ssid;
+    }
+    EXPECT_NE(wifim_test::wpa_cli(peer, {"STATUS"}).find("\nssid=Caf\\xe9\n"), std::string::npos);
+}

@@ -375,3 +375,25 @@ TEST_F(ProfileWriter, SaveThatKeepsFailingGivesUpAfterFiveAttempts) {
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     rmdir(WIFIM_PROFILE_FILE);
 }
+
+// The names the controller gives networks, UTF-8 text and the P"..." form of
+// names that are not, read back from the file as they were written.
+TEST_F(ProfileWriter, NetworkNamesReadBackByteForByte) {
+    const std::vector<std::string> names = {"Caf\xc3\xa9",
+                                            "\xe5\x92\x96\xe5\x95\xa1",
+                                            "cam \xf0\x9f\x93\xb7",
+                                            "say \"hi\"",
+                                            "back\\slash",
+                                            "P\"Caf\\xe9\"",
+                                            "\"quoted\""};
+    std::vector<wifi_ap_info> list;
+    for (const std::string& name : names) {
+        list.push_back(make_profile(name, WIFI_SECURITY_NONE, "", 1));
+    }
+    write_profile_file(true, list, nullptr);
+    std::vector<wifi_ap_info> back = read_list();
+    ASSERT_EQ(back.size(), names.size()) << read_file("/www/nvram.wifista");
+    for (size_t i = 0; i < names.size(); i++) {
+        EXPECT_EQ(back[i].ssid, names[i]);
+    }
+}

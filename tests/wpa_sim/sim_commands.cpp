@@ -49,7 +49,8 @@ static bool sim_is_number(const std::string& v) {
 // The values wpa_supplicant accepts for the variables the daemon sets.
 static bool sim_valid_value(const std::string& var, const std::string& v) {
     if (var == "ssid") {
-        return sim_quoted(v, 1, 32) || (sim_is_hex(v) && v.size() % 2 == 0 && v.size() <= 64);
+        std::string bytes;
+        return sim_ssid_value_bytes(v, &bytes) && !bytes.empty();
     }
     if (var == "psk") {
         return sim_quoted(v, 8, 63) || (v.size() == 64 && sim_is_hex(v));
@@ -115,7 +116,8 @@ static std::string sim_list_networks() {
     for (const sim_network& n : g_sim.networks) {
         std::string flags =
             n.id == g_sim.current_id ? "[CURRENT]" : (n.enabled ? "" : "[DISABLED]");
-        out += std::to_string(n.id) + "\t" + sim_network_ssid(n) + "\tany\t" + flags + "\n";
+        out += std::to_string(n.id) + "\t" + sim_ssid_text(sim_network_ssid(n)) + "\tany\t" +
+               flags + "\n";
     }
     return out;
 }
@@ -134,7 +136,11 @@ static std::string sim_set_network(const std::string& command) {
     if (n == nullptr || !sim_valid_value(var, value)) {
         return "FAIL\n";
     }
-    n->vars[var] = value;
+    std::string bytes;
+    // wpa_supplicant keeps the SSID's bytes, whichever form set them.
+    n->vars[var] = (var == "ssid" && sim_ssid_value_bytes(value, &bytes))
+                       ? sim_ssid_stored_value(bytes)
+                       : value;
     return "OK\n";
 }
 

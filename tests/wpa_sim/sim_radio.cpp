@@ -2,6 +2,7 @@
 // what STATUS and SAVE_CONFIG report of it.
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <fstream>
 #include <sstream>
@@ -24,6 +25,89 @@ static std::string sim_from_hex(const std::string& hex) {
         out += static_cast<char>(strtol(hex.substr(i, 2).c_str(), nullptr, 16));
     }
     return out;
+}
+
+std::string sim_ssid_text(const std::string& ssid) {
+    std::string out;
+    for (unsigned char c : ssid) {
+        static const char plain[] = "\"\\\033\n\r\t";
+        static const char* escaped[] = {"\\\"", "\\\\", "\\e", "\\n", "\\r", "\\t"};
+        const char* known = c != 0 ? strchr(plain, c) : nullptr;
+        if (known != nullptr) {
+            out += escaped[known - plain];
+        } else if (c >= 32 && c <= 126) {
+            out += static_cast<char>(c);
+        } else {
+            char hex[8];
+            snprintf(hex, sizeof(hex), "\\x%02x", c);
+            out += hex;
+        }
+    }
+    return out;
+}
+
+static int sim_hex_digit(char c) {
+    const char* digits = "0123456789abcdef";
+    const char* at = c != 0 ? strchr(digits, c | 0x20) : nullptr;
+    return at == nullptr ? -1 : static_cast<int>(at - digits);
+}
+
+// wpa_supplicant's reading of escaped text (\", \\, \n, \r, \t, \e, \xNN).
+static std::string sim_decode_text(const std::string& text) {
+    std::string out;
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text[i] != '\\' || i + 1 >= text.size()) {
+            out += text[i];
+            continue;
+        }
+        char c = text[++i];
+        if (c == 'x' && i + 2 < text.size() && sim_hex_digit(text[i + 1]) >= 0 &&
+            sim_hex_digit(text[i + 2]) >= 0) {
+            out += static_cast<char>(sim_hex_digit(text[i + 1]) * 16 + sim_hex_digit(text[i + 2]));
+            i += 2;
+        } else {
+            const char* from = "\"\\nrte";
+            const char* to = "\"\\\n\r\t\033";
+            const char* known = strchr(from, c);
+            out += known != nullptr ? to[known - from] : c;
+        }
+    }
+    return out;
+}
+
+bool sim_ssid_value_bytes(const std::string& value, std::string* bytes) {
+    if (value.size() >= 2 && value.front() == '"') {
+        size_t end = value.rfind('"');
+        if (end == 0) {
+            return false;
+        }
+        *bytes = value.substr(1, end - 1);
+    } else if (value.size() >= 3 && value.compare(0, 2, "P\"") == 0) {
+        size_t end = value.rfind('"');
+        if (end < 2) {
+            return false;
+        }
+        *bytes = sim_decode_text(value.substr(2, end - 2));
+    } else {
+        if (value.empty() || value.size() % 2 != 0 ||
+            value.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+            return false;
+        }
+        *bytes = sim_from_hex(value);
+    }
+    return bytes->size() <= 32;
+}
+
+std::string sim_ssid_stored_value(const std::string& bytes) {
+    bool printable = true;
+    std::string hex;
+    for (unsigned char c : bytes) {
+        printable = printable && c >= 32 && c <= 126;
+        char digits[4];
+        snprintf(digits, sizeof(digits), "%02x", c);
+        hex += digits;
+    }
+    return printable ? "\"" + bytes + "\"" : hex;
 }
 
 std::string sim_network_ssid(const sim_network& n) {
@@ -146,7 +230,7 @@ std::string sim_scan_results() {
     std::string out = "bssid / frequency / signal level / flags / ssid\n";
     for (const sim_ap& ap : g_sim.aps) {
         out += ap.bssid + "\t" + std::to_string(ap.freq) + "\t" + std::to_string(ap.level) + "\t" +
-               ap.flags + "\t" + ap.ssid + "\n";
+               ap.flags + "\t" + sim_ssid_text(ap.ssid) + "\n";
     }
     return out;
 }
@@ -173,7 +257,8 @@ void sim_complete(int id, const sim_ap& ap) {
 }
 
 static std::string sim_ap_words(const sim_ap& ap) {
-    return ap.bssid + " (SSID='" + ap.ssid + "' freq=" + std::to_string(ap.freq) + " MHz)";
+    return ap.bssid + " (SSID='" + sim_ssid_text(ap.ssid) + "' freq=" + std::to_string(ap.freq) +
+           " MHz)";
 }
 
 std::string sim_connected_text(int id, const sim_ap& ap) {
@@ -261,8 +346,8 @@ static int sim_extra_disable_seconds(int id, int failures) {
 static int sim_count_failure(int id, const std::string& ssid, const char* reason) {
     int failures = ++g_sim.auth_failures[id];
     int seconds = sim_temp_disable_seconds(failures) + sim_extra_disable_seconds(id, failures);
-    sim_event("CTRL-EVENT-SSID-TEMP-DISABLED id=" + std::to_string(id) + " ssid=\"" + ssid +
-              "\" auth_failures=" + std::to_string(failures) +
+    sim_event("CTRL-EVENT-SSID-TEMP-DISABLED id=" + std::to_string(id) + " ssid=\"" +
+              sim_ssid_text(ssid) + "\" auth_failures=" + std::to_string(failures) +
               " duration=" + std::to_string(seconds) + " reason=" + reason);
     return seconds;
 }
@@ -299,7 +384,8 @@ static void sim_handshake_failed(int id, const std::string& ssid, const sim_ap& 
         if (!sim_network_enabled(id)) {
             return;
         }
-        sim_event("CTRL-EVENT-SSID-REENABLED id=" + std::to_string(id) + " ssid=\"" + ssid + "\"");
+        sim_event("CTRL-EVENT-SSID-REENABLED id=" + std::to_string(id) + " ssid=\"" +
+                  sim_ssid_text(ssid) + "\"");
         for (const sim_network& n : g_sim.networks) {
             if (n.id == id) {
                 sim_attempt(n, ap);
@@ -409,7 +495,7 @@ std::string sim_status() {
             (n != nullptr && ap != nullptr) ? sim_link_words_of(*n, *ap) : sim_link_words();
         out << "bssid=" << g_sim.current_bssid << "\n"
             << "freq=" << (ap != nullptr ? ap->freq : 0) << "\n"
-            << "ssid=" << (n != nullptr ? sim_network_ssid(*n) : "") << "\n"
+            << "ssid=" << (n != nullptr ? sim_ssid_text(sim_network_ssid(*n)) : "") << "\n"
             << "id=" << g_sim.current_id << "\n"
             << "mode=station\n"
             << "pairwise_cipher=" << words.pairwise << "\n"

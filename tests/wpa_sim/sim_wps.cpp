@@ -8,7 +8,7 @@ static sim_network sim_network_from_wps(const sim_ap& ap, int id) {
     sim_network n;
     n.id = id;
     n.enabled = true;
-    n.vars["ssid"] = "\"" + ap.ssid + "\"";
+    n.vars["ssid"] = sim_ssid_stored_value(ap.ssid);
     if (!sim_ap_is_open(ap)) {
         n.vars["psk"] = "\"" + ap.key + "\"";
         n.vars["proto"] = "RSN";

@@ -116,6 +116,14 @@ void sim_finish_wpa(sim_timeline* t, int id, const sim_ap& ap, int step_ms);
 void sim_complete(int id, const sim_ap& ap);
 bool sim_ap_is_open(const sim_ap& ap);
 std::string sim_network_ssid(const sim_network& n);
+// An SSID as wpa_supplicant prints it in its lists, STATUS and events:
+// bytes outside 32..126 as \xNN, quote and backslash escaped.
+std::string sim_ssid_text(const std::string& ssid);
+// The bytes of a SET_NETWORK ssid value ("text", P"escaped" or hex), and
+// the value as wpa_supplicant keeps it: quoted when every byte is
+// printable ASCII, hexadecimal otherwise.
+bool sim_ssid_value_bytes(const std::string& value, std::string* bytes);
+std::string sim_ssid_stored_value(const std::string& bytes);
 int sim_lowest_free_network_id();
 
 // Radio world: scans, connection attempts, WPS.

@@ -185,3 +185,60 @@ TEST(ScanList, HiddenNetworksAndJunkLinesAreSkipped) {
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(list.begin()->first, "wep net+security_id:2");
 }
+
+// wpa_supplicant 2.10 prints an SSID escaped: bytes outside 32..126 as
+// \xNN, the quote and the backslash with a backslash before them.
+TEST(ScanLine, EscapedSsidsAreDecodedToTheirNames) {
+    const char* cases[][2] = {
+        {"Caf\\xc3\\xa9", "Caf\xc3\xa9"},
+        {"\\xe4\\xb8\\xad\\xe6\\x96\\x87\\xe7\\xbd\\x91", "\xe4\xb8\xad\xe6\x96\x87\xe7\xbd\x91"},
+        {"cam \\xf0\\x9f\\x93\\xb7", "cam \xf0\x9f\x93\xb7"},
+        {"a\\\"b", "a\"b"},
+        {"back\\\\slash", "back\\slash"},
+        {"plain name", "plain name"},
+    };
+    for (const auto& c : cases) {
+        wifi_ap_info ap;
+        ASSERT_TRUE(wpacm_parse_scan_line(
+            std::string("00:11:22:33:44:55\t2437\t-65\t[WPA2-PSK-CCMP][ESS]\t") + c[0], &ap))
+            << c[0];
+        EXPECT_EQ(ap.ssid, c[1]) << c[0];
+    }
+}
+
+// A name that is not readable UTF-8 text is shown in wpa_supplicant's own
+// escaped form inside P"...", which ConnectAP takes back.
+TEST(ScanLine, SsidThatIsNotUtf8TextIsShownEscapedInsidePQuotes) {
+    const char* cases[][2] = {
+        {"Caf\\xe9", "P\"Caf\\xe9\""},       {"\\xff\\xfe", "P\"\\xff\\xfe\""},
+        {"two\\nlines", "P\"two\\nlines\""}, {"\\xed\\xa0\\x80", "P\"\\xed\\xa0\\x80\""},
+        {"q\\\"\\xc3", "P\"q\\\"\\xc3\""},
+    };
+    for (const auto& c : cases) {
+        wifi_ap_info ap;
+        ASSERT_TRUE(
+            wpacm_parse_scan_line(std::string("00:11:22:33:44:55\t2437\t-65\t[ESS]\t") + c[0], &ap))
+            << c[0];
+        EXPECT_EQ(ap.ssid, c[1]) << c[0];
+    }
+}
+
+TEST(Status, EscapedSsidIsDecoded) {
+    wpa_supplicant_status status;
+    EXPECT_TRUE(wpacm_parse_status(
+        "bssid=00:11:22:33:44:55\nfreq=2437\nssid=Caf\\xc3\\xa9 \\\"x\\\\y\\\"\nid=0\n"
+        "mode=station\nkey_mgmt=WPA2-PSK\nwpa_state=COMPLETED\n",
+        &status));
+    EXPECT_EQ(status.ssid, "Caf\xc3\xa9 \"x\\y\"");
+    EXPECT_TRUE(wpacm_parse_status("ssid=\\xe9t\\xe9\nwpa_state=COMPLETED\n", &status));
+    EXPECT_EQ(status.ssid, "P\"\\xe9t\\xe9\"");
+}
+
+TEST(ScanList, EscapedAndPlainNamesOfOneNetworkShareTheDecodedKey) {
+    std::map<std::string, wifi_scan_ap_info> list;
+    std::string reply = std::string(kHeader) +
+                        "00:11:22:33:44:55\t2437\t-65\t[WPA2-PSK-CCMP][ESS]\tCaf\\xc3\\xa9\n";
+    wpacm_merge_scan_results(&list, reply.c_str(), 1000);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list.begin()->first, "Caf\xc3\xa9+security_id:11");
+}

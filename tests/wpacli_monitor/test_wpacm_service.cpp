@@ -710,3 +710,37 @@ TEST(WpsPin, CheckDigitOfTheWpsPin) {
     EXPECT_EQ(pin.find_first_not_of("0123456789"), std::string::npos);
     EXPECT_EQ(wpacm_wps_pin_from_value(static_cast<uint32_t>(std::stoul(pin.substr(0, 7)))), pin);
 }
+
+// wpa_supplicant saves an SSID of printable ASCII quoted and any other as
+// bare hexadecimal; it also reads P"escaped" text.
+TEST(WpsConfigReader, HexAndEscapedSsidsAreDecoded) {
+    auto profiles = wpacm_read_wpa_config_profiles(
+        "network={\n\tssid=436166c3a9\n\tkey_mgmt=NONE\n}\n"
+        "network={\n\tssid=P\"\\xe4\\xb8\\xad \\\"q\\\"\"\n\tkey_mgmt=NONE\n}\n"
+        "network={\n\tssid=\"a\"b\\c\"\n\tkey_mgmt=NONE\n}\n"
+        "network={\n\tssid=436166e9\n\tkey_mgmt=NONE\n}\n");
+    ASSERT_EQ(profiles.size(), 4u);
+    EXPECT_EQ(profiles[0].ssid, "Caf\xc3\xa9");
+    EXPECT_EQ(profiles[1].ssid, "\xe4\xb8\xad\"q\"");
+    EXPECT_EQ(profiles[2].ssid, "a\"b\\c");
+    EXPECT_EQ(profiles[3].ssid, "P\"Caf\\xe9\"");
+}
+
+// A name of printable ASCII without quote or backslash is sent quoted as
+// ever; any other in hexadecimal, which wpa_supplicant takes byte for byte.
+TEST_F(ServiceLoop, SsidsThatAreNotPlainAsciiAreSentInHexadecimal) {
+    start("", std::string(kWorld) +
+                  "ap 00:11:22:33:44:88 2412 -50 [ESS] key=- wps=- ssid=Caf\xc3\xa9\n"
+                  "ap 00:11:22:33:44:99 2412 -50 [ESS] key=- wps=- ssid=Caf\xe9\n"
+                  "ap 00:11:22:33:44:aa 2412 -50 [ESS] key=- wps=- ssid=a\"b\\c\n");
+    const char* cases[][2] = {
+        {"cafe", "SET_NETWORK 0 ssid \"cafe\""},
+        {"Caf\xc3\xa9", "SET_NETWORK 0 ssid 436166c3a9"},
+        {"P\"Caf\\xe9\"", "SET_NETWORK 0 ssid 436166e9"},
+        {"a\"b\\c", "SET_NETWORK 0 ssid 6122625c63"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(connect(ap(c[0], WIFI_SECURITY_NONE)), WIFI_CONNECT_STATUS_SUCCESS) << c[0];
+        EXPECT_TRUE(has(sim_commands(), c[1])) << c[0];
+    }
+}

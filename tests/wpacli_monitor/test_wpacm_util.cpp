@@ -129,3 +129,56 @@ TEST(WpaSecurityTable, Wpa2EapWithBothCiphersAndUnknownHaveNoRow) {
     ASSERT_NE(wpacm_find_wpa_security(WIFI_SECURITY_NONE), nullptr);
     EXPECT_EQ(wpacm_find_wpa_security(WIFI_SECURITY_NONE)->protocol_str, "WPA");
 }
+
+TEST(WpaText, DecodesEveryEscapeWpaSupplicantReads) {
+    EXPECT_EQ(wpacm_decode_wpa_text("a\\\"b\\\\c\\n\\r\\t\\e\\x41\\x4\\101\\q"),
+              "a\"b\\c\n\r\t\033A\x04"
+              "Aq");
+    EXPECT_EQ(wpacm_decode_wpa_text("end\\"), "end");
+}
+
+TEST(WpaText, EncodesAsWpaSupplicantPrints) {
+    EXPECT_EQ(wpacm_encode_wpa_text(std::string("a\"b\\c\n\r\t\033\x01\x7f\xe9 ~", 14)),
+              "a\\\"b\\\\c\\n\\r\\t\\e\\x01\\x7f\\xe9 ~");
+}
+
+TEST(SsidName, ReadableUtf8IsItsOwnNameAndAnythingElseIsEscapedInPQuotes) {
+    EXPECT_EQ(wpacm_ssid_from_bytes("home net"), "home net");
+    EXPECT_EQ(wpacm_ssid_from_bytes("\xe4\xb8\xad\xf0\x9f\x93\xb7"),
+              "\xe4\xb8\xad\xf0\x9f\x93\xb7");
+    EXPECT_EQ(wpacm_ssid_from_bytes("Caf\xe9"), "P\"Caf\\xe9\"");
+    EXPECT_EQ(wpacm_ssid_from_bytes("\xc0\xaf"), "P\"\\xc0\\xaf\"");  // overlong
+    EXPECT_EQ(wpacm_ssid_from_bytes("\xf4\x90\x80\x80"),
+              "P\"\\xf4\\x90\\x80\\x80\"");  // > U+10FFFF
+    EXPECT_EQ(wpacm_ssid_from_bytes("a\x7f"), "P\"a\\x7f\"");
+    EXPECT_EQ(wpacm_ssid_from_bytes(std::string("a\0b", 3)), "P\"a\\x00b\"");
+}
+
+TEST(SsidName, EscapedNameGoesBackToItsBytesAndALiteralLookalikeStaysItself) {
+    EXPECT_EQ(wpacm_ssid_to_bytes("P\"Caf\\xe9\""), "Caf\xe9");
+    EXPECT_EQ(wpacm_ssid_to_bytes("P\"two\\nlines\""), "two\nlines");
+    // These P"..." texts are not what an unreadable name is shown as.
+    EXPECT_EQ(wpacm_ssid_to_bytes("P\"abc\""), "P\"abc\"");
+    EXPECT_EQ(wpacm_ssid_to_bytes("P\"Caf\\xE9\""), "P\"Caf\\xE9\"");
+    EXPECT_EQ(wpacm_ssid_to_bytes("Caf\\xe9"), "Caf\\xe9");
+}
+
+TEST(SsidName, NetworkValueIsQuotedTextOnlyForPlainAscii) {
+    bool quoted = false;
+    EXPECT_EQ(wpacm_ssid_network_value("home net", &quoted), "home net");
+    EXPECT_TRUE(quoted);
+    EXPECT_EQ(wpacm_ssid_network_value("Caf\xc3\xa9", &quoted), "436166c3a9");
+    EXPECT_FALSE(quoted);
+    EXPECT_EQ(wpacm_ssid_network_value("a\"b", &quoted), "612262");
+    EXPECT_FALSE(quoted);
+    EXPECT_EQ(wpacm_ssid_network_value("P\"\\xff\"", &quoted), "ff");
+    EXPECT_FALSE(quoted);
+}
+
+TEST(SsidName, ConfigValuesInEveryFormWpaSupplicantSaves) {
+    EXPECT_EQ(wpacm_ssid_from_config_value("\"home\""), "home");
+    EXPECT_EQ(wpacm_ssid_from_config_value("686f6d65"), "home");
+    EXPECT_EQ(wpacm_ssid_from_config_value("436166E9"), "P\"Caf\\xe9\"");
+    EXPECT_EQ(wpacm_ssid_from_config_value("P\"Caf\\xc3\\xa9\""), "Caf\xc3\xa9");
+    EXPECT_EQ(wpacm_ssid_from_config_value("bare"), "bare");
+}

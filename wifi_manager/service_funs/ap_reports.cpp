@@ -49,7 +49,7 @@ static void service_sort_ap_list(std::vector<wifi_ap_info>& list, const std::str
 
 static void service_write_ap_entry(service_stream& out, const wifi_ap_info& entry, bool connected) {
     out << " <ap_data>\n";
-    out << "  <ssid><![CDATA[" << entry.ssid << "]]></ssid>\n";
+    service_write_ssid(out, "  ", entry.ssid);
     out << "  <security>" << wapinfo_security_answer_name(entry.security) << "</security>\n";
     out << "  <signal>" << entry.signal << "</signal>\n";
     out << "  <registered>" << (entry.saved ? 1 : 0) << "</registered>\n";
@@ -123,7 +123,7 @@ void service_get_connected_ssid(CSimpleIniA& receive_data, service_stream& respo
         security = service_connected_security(monitor_data, ssid, bssid);
     }
     service_begin_answer(response_stream, "wifista_connected", API_SUCCESS);
-    response_stream << "<ssid><![CDATA[" << ssid << "]]></ssid>\n";
+    service_write_ssid(response_stream, "", ssid);
     service_write_element(response_stream, "security", security);
     service_write_element(response_stream, "enable", std::to_string(enable));
     service_write_element(response_stream, "ip_addr", ip);

@@ -51,7 +51,34 @@ void service_end_answer(service_stream& response_stream, const char* root) {
     response_stream << "</" << root << ">\n";
 }
 
+// Only what would break the XML is escaped: values without these
+// characters are written byte for byte.
+static std::string service_xml_text(const std::string& value) {
+    if (value.find_first_of("&<>") == std::string::npos) {
+        return value;
+    }
+    std::string out;
+    for (char c : value) {
+        out += c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : std::string(1, c);
+    }
+    return out;
+}
+
 void service_write_element(service_stream& response_stream, const char* name,
                            const std::string& value) {
-    response_stream << "<" << name << ">" << value << "</" << name << ">\n";
+    response_stream << "<" << name << ">" << service_xml_text(value) << "</" << name << ">\n";
+}
+
+// Names come from the air: one that holds "]]>" would close its section and
+// write markup of its own. The section is closed between "]]" and ">" and a
+// new one opened, which an XML reader joins back into the same text.
+void service_write_ssid(service_stream& response_stream, const char* indent,
+                        const std::string& ssid) {
+    std::string text = ssid;
+    size_t at = text.find("]]>");
+    while (at != std::string::npos) {
+        text.replace(at, 3, "]]]]><![CDATA[>");
+        at = text.find("]]>", at + 15);
+    }
+    response_stream << indent << "<ssid><![CDATA[" << text << "]]></ssid>\n";
 }

@@ -116,8 +116,13 @@ void service_parse_dnsservers(const std::string& resolv_text,
 // Answer envelope: the XML declaration, the root's opening tag and the result.
 void service_begin_answer(service_stream& response_stream, const char* root, int result);
 void service_end_answer(service_stream& response_stream, const char* root);
+// One element line; "&", "<" and ">" in the value are written as entities.
 void service_write_element(service_stream& response_stream, const char* name,
                            const std::string& value);
+// A network's name in an ssid element, inside CDATA, after indent; a "]]>"
+// in the name is split across two CDATA sections.
+void service_write_ssid(service_stream& response_stream, const char* indent,
+                        const std::string& ssid);
 
 #define SERVICE_LOG(level, fmt, ...) \
     WIFIM_LOG_AT(level, "service_funs.cpp", __func__, fmt, ##__VA_ARGS__)

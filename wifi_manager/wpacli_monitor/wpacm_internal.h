@@ -224,6 +224,24 @@ bool wpacm_cut_string(const std::string& text, char delimiter, size_t& start, si
                       std::string& field);
 const wpa_cli_security* wpacm_find_wpa_security(WiFi_Security value);
 
+// Network names. wpa_supplicant prints an SSID escaped (\", \\, \n, \r,
+// \t, \e, \xNN); the daemon's name of a network is its bytes when they are
+// readable UTF-8 text without control characters, and P"escaped bytes"
+// otherwise.
+std::string wpacm_decode_wpa_text(const std::string& text);
+std::string wpacm_encode_wpa_text(const std::string& bytes);
+bool wpacm_is_readable_name(const std::string& bytes);
+std::string wpacm_ssid_from_bytes(const std::string& bytes);
+std::string wpacm_ssid_to_bytes(const std::string& name);
+// The name of an SSID as SCAN_RESULTS, STATUS and events print it.
+std::string wpacm_ssid_from_wpa_text(const std::string& text);
+// The value of SET_NETWORK ssid for a name: the text itself, to be quoted,
+// when it is printable ASCII without quote and backslash (quoted set true),
+// else the bytes in hexadecimal (quoted set false).
+std::string wpacm_ssid_network_value(const std::string& name, bool* quoted);
+// The name of a saved network's ssid value ("text", P"escaped" or hex).
+std::string wpacm_ssid_from_config_value(const std::string& value);
+
 void clear_wpa_supplicant_status(wpa_supplicant_status* status);
 void copy_wpa_supplicant_status(wpa_supplicant_status* dst, const wpa_supplicant_status* src);
 

@@ -141,7 +141,11 @@ bool wpacm_update_wpa_network_setting(struct wpa_ctrl* ctrl, wifi_ap_info& ap_in
     if (!wpacm_send_block_command(ctrl, "DISABLE_NETWORK %d", id)) {
         WPACM_BLOCK_FAIL("disable network fail");
     }
-    if (!wpacm_set_network_value(ctrl, id, "ssid", ap_info.ssid.c_str(), true)) {
+    // A name that is not plain ASCII goes in hexadecimal, which
+    // wpa_supplicant takes byte for byte.
+    bool quoted = true;
+    std::string ssid_value = wpacm_ssid_network_value(ap_info.ssid, &quoted);
+    if (!wpacm_set_network_value(ctrl, id, "ssid", ssid_value.c_str(), quoted)) {
         WPACM_BLOCK_FAIL("set ssid fail");
     }
     if (!wpacm_set_network_value(ctrl, id, "key_mgmt", row->security_str.c_str(), false)) {

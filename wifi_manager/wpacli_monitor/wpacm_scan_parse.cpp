@@ -86,7 +86,8 @@ bool wpacm_parse_scan_line(const std::string& line, wifi_ap_info* ap_info) {
     if (ssid_start == std::string::npos) {
         return false;
     }
-    std::string ssid = text.substr(ssid_start);
+    // The list prints the SSID escaped; the entry holds its name.
+    std::string ssid = wpacm_ssid_from_wpa_text(text.substr(ssid_start));
     if (fields[0].empty() || ssid.empty()) {
         return false;
     }
@@ -109,12 +110,27 @@ std::string wpacm_scan_key(const wifi_ap_info& ap_info) {
     return ap_info.ssid + "+security_id:" + std::to_string(static_cast<int>(ap_info.security));
 }
 
+// The text of the first "key=" line, taken whole: an SSID may begin or end
+// with blanks, which an INI reader would trim.
+static std::string wpacm_status_line_value(const char* reply, const char* key) {
+    std::string text = std::string("\n") + reply;
+    std::string start = std::string("\n") + key + "=";
+    size_t at = text.find(start);
+    if (at == std::string::npos) {
+        return "";
+    }
+    at += start.size();
+    size_t end = text.find('\n', at);
+    return text.substr(at, end == std::string::npos ? std::string::npos : end - at);
+}
+
 bool wpacm_parse_status(const char* reply, wpa_supplicant_status* status) {
     CSimpleIniA ini;
     ini.Reset();
     ini.LoadData(reply, strlen(reply));
     status->bssid = ini.GetValue("", "bssid", "");
-    status->ssid = ini.GetValue("", "ssid", "");
+    // STATUS prints the SSID escaped, as the scan list does.
+    status->ssid = wpacm_ssid_from_wpa_text(wpacm_status_line_value(reply, "ssid"));
     status->wpa_state = ini.GetValue("", "wpa_state", "");
     status->key_mgmt = ini.GetValue("", "key_mgmt", "");
     return !status->ssid.empty() && status->wpa_state == "COMPLETED";

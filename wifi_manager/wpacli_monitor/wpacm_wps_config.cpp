@@ -162,7 +162,8 @@ static bool wpacm_profile_from_block(CSimpleIniA& ini, const wpacm_config_block&
     ini.Reset();
     ini.LoadData(block.stripped.c_str(), block.stripped.size());
     clear_wifi_ap_info(ap_info);
-    ap_info->ssid = wpacm_remove_quote(ini.GetValue("", "ssid", ""));
+    // Saved quoted when printable ASCII, else in hexadecimal; P"..." is read too.
+    ap_info->ssid = wpacm_ssid_from_config_value(ini.GetValue("", "ssid", ""));
     WiFi_Security security = wpacm_security_of_block(ini, block);
     if (ap_info->ssid.empty() || security < WIFI_SECURITY_NONE ||
         security > WIFI_SECURITY_ANY_WPA) {

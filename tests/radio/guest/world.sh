@@ -148,6 +148,52 @@ EOF
     ip netns exec sta ip link set lo up
 }
 
+# ---------------------------------------------------------------- network names
+# Open access points whose names are not plain ASCII, set with hostapd's
+# ssid2=P"..." (printf escapes): one hostapd on an interface of its own on
+# wlan5's radio (channel 1), names0..names6, BSSIDs 02:00:00:00:06:0N. It is
+# left disabled: only the NetworkNames scenarios enable it, so that every
+# other scenario sees the world as it was.
+#   names0 Café Crème         names4 back\slash
+#   names1 咖啡馆               names5 Caf\xe9 (Latin-1, not UTF-8)
+#   names2 📷 camera           names6 Café "咖啡" \ 📷
+#   names3 say "cheese"
+write_named_access_points() {
+    local names=(
+        'P"Caf\xc3\xa9 Cr\xc3\xa8me"'
+        'P"\xe5\x92\x96\xe5\x95\xa1\xe9\xa6\x86"'
+        'P"\xf0\x9f\x93\xb7 camera"'
+        'P"say \"cheese\""'
+        'P"back\\slash"'
+        'P"Caf\xe9"'
+        'P"Caf\xc3\xa9 \"\xe5\x92\x96\xe5\x95\xa1\" \\ \xf0\x9f\x93\xb7"'
+    )
+    local i
+    {
+        printf 'interface=names0\ndriver=nl80211\nctrl_interface=/run/hostapd\nhw_mode=g\nchannel=1\n'
+        printf 'ssid2=%s\n' "${names[0]}"
+        for i in 1 2 3 4 5 6; do
+            printf '\nbss=names%s\nbssid=02:00:00:00:06:0%s\nctrl_interface=/run/hostapd\n' "$i" "$i"
+            printf 'ssid2=%s\n' "${names[$i]}"
+        done
+    } >"$world/ap-names.conf"
+}
+
+start_named_access_points() {
+    local state
+    iw phy "$(cat /sys/class/net/wlan5/phy80211/name)" interface add names0 type managed || return 1
+    ip link set dev names0 address 02:00:00:00:06:00 || return 1
+    hostapd -B -t -f "$world/hostapd-names.log" -P "$world/hostapd-names.pid" \
+        "$world/ap-names.conf" || return 1
+    for _ in $(seq 100); do
+        state=$(hostapd_cli -p /run/hostapd -i names0 status 2>/dev/null | grep '^state=')
+        [ "$state" = state=ENABLED ] && break
+        sleep 0.1
+    done
+    [ "$state" = state=ENABLED ] || { say "hostapd on names0 is not enabled: $state"; return 1; }
+    hostapd_cli -p /run/hostapd -i names0 disable >/dev/null
+}
+
 setup_started=$SECONDS
 write_access_points
 if ! start_access_points || ! start_dhcp_server || ! set_up_station; then
@@ -155,6 +201,9 @@ if ! start_access_points || ! start_dhcp_server || ! set_up_station; then
     cat "$world"/hostapd-*.log 2>/dev/null | tail -20
     exit 1
 fi
+write_named_access_points
+# Only the NetworkNames scenarios need them: the rest run without.
+start_named_access_points || say "the named access points could not be started"
 say "world ready in $((SECONDS - setup_started)) s"
 
 case "$RADIO_MODE" in
