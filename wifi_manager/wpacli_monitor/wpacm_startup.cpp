@@ -67,7 +67,7 @@ static bool wpacm_wait_for_callers(wpacli_monitor_data* data) {
 // plain directory form of ctrl_interface is understood.
 static std::string wpacm_read_ctrl_interface(const std::string& config_file) {
     CSimpleIniA ini;
-    FILE* fp = fopen(config_file.c_str(), "rb");
+    FILE* fp = fopen(config_file.c_str(), "rbe");
     if (fp != nullptr) {
         ini.LoadFile(fp);
         fclose(fp);
