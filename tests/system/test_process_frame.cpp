@@ -207,6 +207,25 @@ TEST_F(ProcessFrame, SupervisorEndsOnlyAfterItsWorkerHasEndedInOrder) {
     expect_profile_kept();
 }
 
+// A worker that cannot end (stopped here) holds its supervisor only for the
+// worker's longest orderly shut-down; then it is killed.
+TEST_F(ProcessFrame, SupervisorKillsAWorkerThatDoesNotEndInTime) {
+    start();
+    pid_t worker = worker_of(daemon.pid);
+    orphan = worker;
+    kill(worker, SIGSTOP);
+    kill(daemon.pid, SIGTERM);
+    int status = wifim_test::wait_process(daemon.pid, 90000);
+    daemon.pid = -1;
+    ASSERT_NE(status, -1);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_FALSE(wifim_test::process_alive(worker));
+    auto lines = log_lines_with("], Child process not closed in time, kill it");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find(",FOCUS,"), std::string::npos) << lines[0];
+    EXPECT_TRUE(log_lines_with("], Program close").empty());
+}
+
 // A supervisor stand-in over a worker stand-in that only waits; returns the
 // supervisor's pid. The stand-in worker's pid is written to *worker.
 static pid_t start_supervisor_stand_in(pid_t* worker, void (*body)()) {
