@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -255,9 +256,14 @@ static pid_t start_supervisor_stand_in(pid_t* worker, void (*body)()) {
     return got == sizeof(*worker) ? supervisor : -1;
 }
 
+// A write to a read-only page: the kernel raises SIGSEGV (a null pointer
+// would be caught first by the undefined-behaviour sanitizer).
 static void fault_of_its_own() {
-    volatile int* nowhere = nullptr;
-    *nowhere = 1;
+    void* page = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) {
+        _exit(3);
+    }
+    *static_cast<volatile int*>(page) = 1;
     for (;;) {
         pause();
     }
