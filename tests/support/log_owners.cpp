@@ -17,6 +17,7 @@ namespace {
 const char* const kFrame = "wifi_manager.cpp";
 const char* const kController = "wpacli_monitor.cpp";
 const char* const kServices = "service_funs.cpp";
+const char* const kChannel = "socket_communication.cpp";
 
 const char* const kDebug = "DEBUG";
 const char* const kInfo = "INFO ";
@@ -38,6 +39,7 @@ std::vector<log_message> build_table() {
         {kFrame, "main", kFocus, "Can't create pipe, program terminate"},
         {kFrame, "main", kFocus, "Program start -- Version: 1.0.4"},
         {kFrame, "main", kFocus, "Can't initialize wpa monitor"},
+        {kFrame, "main", kFocus, "Can't initialize request server, socket file:%s"},
         {kFrame, "main", kFocus, "Program close"},
         // The supervisor and the signal handlers.
         {kFrame, "wifim_monitor_child_process", kInfo,
@@ -45,6 +47,9 @@ std::vector<log_message> build_table() {
         {kFrame, "wifim_monitor_child_process", kFocus, "Restart child process"},
         {kFrame, "wifim_monitor_child_process", kFocus, "Can't create pipe, program terminate"},
         {kFrame, "wifim_monitor_child_process", kFocus, "Can't fork process!!"},
+        {kFrame, "wifim_wait_for_worker_end", kFocus, "Child process not closed in time, kill it"},
+        // The worker, when its pings find the supervisor gone.
+        {kFrame, "wifim_ping_supervisor", kFocus, "Supervisor gone, program closing.."},
         {kFrame, "wifim_signal_term", kInfo, "Received terminate signal. program closing.."},
         {kFrame, "wifim_signal_illegal", kInfo,
          "Received exception or illegal signal, child pid:%d, send termate signal to child "
@@ -171,6 +176,10 @@ std::vector<log_message> build_table() {
          "service: function name %s , use time: %lld ms, require comment: %s, response: %s"},
         {kServices, "service_get_network_setting", kWarn,
          "service: Can't get network setting, interface:%s"},
+
+        // The request channel, through the worker's log.
+        {kChannel, "commsvr_listen_thread", kError,
+         "Can't accept request connection, errno:%d, pausing"},
     };
 }
 

@@ -61,6 +61,21 @@ inline int64_t comm_now_ms() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+// A wait without deadline, for the frame readers below.
+#define COMM_NO_DEADLINE INT64_MAX
+
+// Frame reading up to a deadline of comm_now_ms's clock (COMM_NO_DEADLINE:
+// none): exactly buf_size bytes, or the count read when the deadline
+// passed, or -1 on an error or a closed peer.
+int comm_receive_until(int fd, void* receive_buf, int buf_size, int64_t deadline_ms);
+// One frame by deadline_ms; as commsvr_receive_transfer_data otherwise.
+int comm_receive_frame_until(int socket, int64_t deadline_ms, void* buf, int buf_size);
+
+// The channel's report of a failure, when the process has given a function
+// for it (commsvr_set_report_function); message is printf-formatted.
+void comm_report(const char* function, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
 // The socket address of a path, cut to what the address can hold.
 void comm_unix_address(const char* path, struct sockaddr_un* addr);
 

@@ -1,6 +1,8 @@
 // The request server: a listening thread hands each connection to one of a
 // fixed pool of detached service threads; one framed request per connection.
 #include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/select.h>
@@ -16,8 +18,30 @@
 #include "comm_internal.h"
 
 #define COMM_SOCKET_MODE 0666
+// A listener that cannot accept for want of descriptors or memory tries
+// again after this pause: the waiting client keeps its socket readable.
+#define COMM_ACCEPT_RETRY_MS 1000
+#define COMM_REPORT_SIZE 256
 
 static std::atomic<int> g_commsvr_live_threads{0};
+static std::atomic<commsvr_report_function> g_commsvr_report{nullptr};
+
+void commsvr_set_report_function(commsvr_report_function report) {
+    g_commsvr_report = report;
+}
+
+void comm_report(const char* function, const char* format, ...) {
+    commsvr_report_function report = g_commsvr_report;
+    if (report == nullptr) {
+        return;
+    }
+    char message[COMM_REPORT_SIZE];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(message, sizeof(message), format, args);
+    va_end(args);
+    report(function, message);
+}
 
 int commsvr_live_service_threads() {
     return g_commsvr_live_threads;
@@ -101,11 +125,13 @@ void commsvr_return_thread_data_to_unused_list(communication_server_data* commsv
 // Serves one connection. The frame reader closes a connection whose frame
 // is bad; a good one is closed here, once, so that a descriptor number that
 // another thread may already have been given is never closed twice.
-static void comm_serve_connection(communication_server_data* server, int socket) {
+// The request's time runs from the connection's acceptance (accepted_ms).
+static void comm_serve_connection(communication_server_data* server, int socket,
+                                  int64_t accepted_ms) {
     char buffer[COMM_REQUEST_BUFFER_SIZE];
     memset(buffer, 0, sizeof(buffer));
-    int size = commsvr_receive_transfer_data(socket, COMM_REQUEST_TIMEOUT_MS, buffer,
-                                             COMM_REQUEST_BUFFER_SIZE);
+    int size = comm_receive_frame_until(socket, accepted_ms + COMM_REQUEST_TIMEOUT_MS, buffer,
+                                        COMM_REQUEST_BUFFER_SIZE);
     if (size <= 0) {
         return;
     }
@@ -129,8 +155,9 @@ static void* commsvr_service_thread(void* arg) {
             break;  // stopping with nothing to serve
         }
         int socket = slot->socket;
+        int64_t accepted_ms = slot->request_start_clock;
         pthread_mutex_unlock(&server->thread_data_mutex);
-        comm_serve_connection(server, socket);
+        comm_serve_connection(server, socket, accepted_ms);
         pthread_mutex_lock(&server->thread_data_mutex);
         commsvr_return_thread_data_to_unused_list(server, slot, false);
         pthread_cond_broadcast(&server->thread_data_condition);
@@ -215,18 +242,40 @@ static bool comm_wait_for_client(communication_server_data* server) {
     return false;
 }
 
+// Failures of accept that a retry at once cannot cure: the client stays
+// queued and its socket readable, so the listener would spin.
+static bool comm_accept_wants_pause(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
 static void* commsvr_listen_thread(void* arg) {
     communication_server_data* server = static_cast<communication_server_data*>(arg);
+    bool accept_failing = false;  // reported once per run of failures
     while (!server->stop_service) {
         service_thread_data* slot = comm_take_free_slot(server);
         if (slot == nullptr || !comm_wait_for_client(server)) {
             break;
         }
-        int client = accept(server->socket_fp, nullptr, nullptr);
+        // Close-on-exec: the scripts the worker runs must not hold clients.
+        int client = accept4(server->socket_fp, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) {
+            int error = errno;
             commsvr_return_thread_data_to_unused_list(server, slot, true);
+            if (comm_accept_wants_pause(error)) {
+                if (!accept_failing) {
+                    comm_report(__func__, "Can't accept request connection, errno:%d, pausing",
+                                error);
+                }
+                accept_failing = true;
+                pthread_mutex_lock(&server->thread_data_mutex);
+                if (!server->stop_service) {
+                    comm_wait_ms(server, COMM_ACCEPT_RETRY_MS);
+                }
+                pthread_mutex_unlock(&server->thread_data_mutex);
+            }
             continue;
         }
+        accept_failing = false;
         pthread_mutex_lock(&server->thread_data_mutex);
         slot->socket = client;
         slot->request_start_clock = comm_now_ms();
@@ -239,7 +288,7 @@ static void* commsvr_listen_thread(void* arg) {
 
 static int comm_open_listener(const char* socket_file) {
     unlink(socket_file);
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         return -1;
     }

@@ -12,7 +12,7 @@
 // leaves the INI object empty or partly filled, so every missing key simply
 // takes its default.
 static void wapinfo_load_profile_file(CSimpleIniA* ini) {
-    FILE* fp = fopen(WIFIM_PROFILE_FILE, "rb");
+    FILE* fp = fopen(WIFIM_PROFILE_FILE, "rbe");
     if (fp == nullptr) {
         return;
     }

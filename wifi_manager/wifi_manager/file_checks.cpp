@@ -24,7 +24,7 @@ bool wifim_folder_exist(const char* path) {
 
 bool wifim_read_text_file(const char* path, std::string* text) {
     text->clear();
-    FILE* fp = fopen(path, "r");
+    FILE* fp = fopen(path, "re");
     if (fp == nullptr) {
         return false;
     }

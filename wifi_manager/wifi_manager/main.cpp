@@ -15,6 +15,11 @@
 
 #define WIFIM_MIN_BOUND_WIFIAP_INFO 1
 #define WIFIM_MAX_BOUND_WIFIAP_INFO 50
+// What the daemon's scripts, and what they start, may create: wpa_supplicant
+// writes its pid file and, after WPS, its configuration with every key, and
+// neither may be writable by others. The daemon's own files get their modes
+// explicitly.
+#define WIFIM_DAEMON_UMASK 022
 
 static const struct option g_long_options[] = {
     {"help", no_argument, nullptr, 'h'},
@@ -70,6 +75,12 @@ static bool wifim_settings_valid(const wifim_options* options) {
            options->max_bound_wifiap_info <= WIFIM_MAX_BOUND_WIFIAP_INFO;
 }
 
+// Keeps a stricter umask the daemon was started with.
+static void wifim_restrict_umask() {
+    mode_t inherited = umask(WIFIM_DAEMON_UMASK);
+    umask(inherited | WIFIM_DAEMON_UMASK);
+}
+
 // Leaves the terminal: the first parent exits, the child leads a new session.
 static void wifim_detach() {
     pid_t pid = fork();
@@ -80,7 +91,6 @@ static void wifim_detach() {
     if (pid > 0) {
         wifim_exit(0);
     }
-    umask(0);
     if (setsid() < 0) {
         wifim_exit(1);
     }
@@ -116,6 +126,7 @@ int main(int argc, char* argv[]) {
         return 0;
     }
 
+    wifim_restrict_umask();
     if (g_foreground_flag) {
         // Console lines of a foreground daemon are read as they come. The
         // buffer is given here so that a log line printed from a signal
@@ -128,10 +139,13 @@ int main(int argc, char* argv[]) {
 
     wifim_install_signal_handlers();
 
-    if (pipe(g_ping_pipe_fd) != 0) {
+    // Close-on-exec: a script that held an end would keep a dead worker's
+    // pipe open, or a dead supervisor's.
+    if (pipe2(g_ping_pipe_fd, O_CLOEXEC) != 0) {
         WIFIM_MAIN_LOG(LOG_FocusWrite, "Can't create pipe, program terminate");
         wifim_exit(1);
     }
+    g_supervisor_pid = getpid();
     g_child_pid = fork();
     if (g_child_pid < 0) {
         WIFIM_MAIN_LOG(LOG_FocusWrite, "Can't fork process!!");

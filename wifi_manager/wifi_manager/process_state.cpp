@@ -9,6 +9,7 @@ bool g_foreground_flag = false;
 volatile pid_t g_child_pid = 0;
 std::atomic<bool> g_program_exist{false};
 int g_ping_pipe_fd[2] = {-1, -1};
+volatile pid_t g_supervisor_pid = 0;
 
 // glibc's sleep() is not safe to call from several threads (it may touch
 // the process's SIGCHLD disposition); nanosleep() is.

@@ -38,10 +38,27 @@ void wifim_signal_illegal(int) {
     _exit(0);
 }
 
+// A fault the kernel raised for this very process (si_code above 0) comes
+// back as soon as the handler returns to the faulting instruction: after
+// the usual handling (the supervisor passes SIGTERM on to its worker), the
+// process takes the default action. The same signal sent by another process
+// (si_code 0 or below) leaves the supervisor running, as it always has.
+static void wifim_signal_fault(int sig, siginfo_t* info, void*) {
+    wifim_signal_illegal(sig);
+    if (info != nullptr && info->si_code > 0) {
+        signal(sig, SIG_DFL);
+        raise(sig);
+    }
+}
+
 void wifim_install_signal_handlers() {
     signal(SIGTERM, wifim_signal_term);
     signal(SIGINT, wifim_signal_term);
-    signal(SIGSEGV, wifim_signal_illegal);
-    signal(SIGILL, wifim_signal_illegal);
-    signal(SIGFPE, wifim_signal_illegal);
+    struct sigaction fault = {};
+    fault.sa_sigaction = wifim_signal_fault;
+    fault.sa_flags = SA_SIGINFO;
+    sigemptyset(&fault.sa_mask);
+    for (int sig : {SIGSEGV, SIGILL, SIGFPE}) {
+        sigaction(sig, &fault, nullptr);
+    }
 }

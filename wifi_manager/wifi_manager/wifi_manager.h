@@ -36,6 +36,9 @@ extern volatile pid_t g_child_pid;
 // Atomic because it is written by a handler and read by many threads.
 extern std::atomic<bool> g_program_exist;
 extern int g_ping_pipe_fd[2];
+// The supervisor's pid, as the worker was forked; 0 where there is no
+// supervisor (a process that only uses the controller).
+extern volatile pid_t g_supervisor_pid;
 // The worker's station controller, once started.
 extern void* g_wpacli_data;
 
@@ -103,6 +106,13 @@ int wifim_run_client(const char* request_command, int request_timeout);
 void wifim_run_worker(const wifim_options* options);
 // Installs the terminate and illegal-signal handlers.
 void wifim_install_signal_handlers();
+// Worker side of the ping pipe: closes the supervisor's end and makes the
+// worker's own end never block.
+void wifim_prepare_ping_pipe();
+// Sends a ping granting `seconds` until the next one. A worker whose
+// supervisor is gone logs it and ends itself in order (g_program_exist); a
+// ping that does not fit into a full pipe is dropped.
+void wifim_ping_supervisor(int seconds);
 
 // The allowance a ping grants, clamped to 10..150 seconds.
 int wifim_clamp_ping(int seconds);

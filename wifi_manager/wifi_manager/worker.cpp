@@ -1,7 +1,6 @@
 // The worker: everything the daemon does, started and stopped in one order.
 #include <malloc.h>
 #include <stdio.h>
-#include <sys/stat.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
@@ -18,14 +17,21 @@
 
 void* g_wpacli_data = nullptr;
 
+// The request channel's failures, in the daemon's log under the channel's
+// own name.
+static void wifim_log_channel_failure(const char* function, const char* message) {
+    WIFIM_LOG_AT(LOG_Error, "socket_communication.cpp", function, "%s", message);
+}
+
 void wifim_run_worker(const wifim_options* options) {
     // A handful of threads that each allocate a few kilobytes per request:
     // one heap serves them, where glibc would give each thread an arena of
     // its own and keep their pages resident. Set before any thread starts.
     mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe)
-    umask(0);
     setsid();
     wifim_install_signal_handlers();
+    wifim_prepare_ping_pipe();
+    commsvr_set_report_function(wifim_log_channel_failure);
     WIFIM_MAIN_LOG(LOG_FocusWrite, "Program start -- Version: " WIFIM_VERSION);
 
     g_wpacli_data = wpacm_init(options->wpa_supplicant_config_file, options->wifi_interface,
@@ -33,7 +39,12 @@ void wifim_run_worker(const wifim_options* options) {
     service_init();
     void* server = commsvr_init(WIFIM_SOCKET_FILE, WIFIM_SERVICE_THREADS,
                                 service_call_back_function, g_wpacli_data);
-    if (g_wpacli_data == nullptr) {
+    if (server == nullptr) {
+        // A worker nobody can reach is of no use: it ends, and the
+        // supervisor starts another once its allowance has run out.
+        WIFIM_MAIN_LOG(LOG_FocusWrite, "Can't initialize request server, socket file:%s",
+                       WIFIM_SOCKET_FILE);
+    } else if (g_wpacli_data == nullptr) {
         // Without a controller the worker never pings: the supervisor
         // restarts it once its allowance has run out.
         WIFIM_MAIN_LOG(LOG_FocusWrite, "Can't initialize wpa monitor");
@@ -48,7 +59,6 @@ void wifim_run_worker(const wifim_options* options) {
     // second of its close; exit handlers and static destructors must not run
     // under them.
     bool threads_gone = commsvr_wait_service_threads(WIFIM_THREADS_LEAVE_MS);
-    close(g_ping_pipe_fd[0]);
     close(g_ping_pipe_fd[1]);
     WIFIM_MAIN_LOG(LOG_FocusWrite, "Program close");
     if (!threads_gone) {

@@ -189,8 +189,7 @@ void wpacm_update_job_result(void* monitor_data, wpacm_job_data_struct* job_data
 
 void wpacm_touch_watchdog(void* monitor_data, int watchdog_count, int next_resend_time) {
     wpacli_monitor_data* data = static_cast<wpacli_monitor_data*>(monitor_data);
-    ssize_t ignored = write(g_ping_pipe_fd[1], &watchdog_count, sizeof(watchdog_count));
-    (void)ignored;
+    wifim_ping_supervisor(watchdog_count);
     if (data != nullptr) {
         data->next_touch_watch_dog = wpacm_clock_s() + next_resend_time;
     }

@@ -1,6 +1,7 @@
 // The service loop: the worker's main thread, and the only code that talks
 // to wpa_supplicant. It runs queued jobs, reads events when idle, keeps the
 // scan schedule and connects on its own to the best registered network.
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 #include <wpa_ctrl.h>
@@ -8,13 +9,23 @@
 #include "../fixed_paths.h"
 #include "wpacm_internal.h"
 
+// A connection to wpa_supplicant is not passed on to the scripts the worker
+// runs, nor to what they leave running.
+static struct wpa_ctrl* wpacm_open_ctrl(const char* socket_file) {
+    struct wpa_ctrl* ctrl = wpa_ctrl_open(socket_file);
+    if (ctrl != nullptr) {
+        fcntl(wpa_ctrl_get_fd(ctrl), F_SETFD, FD_CLOEXEC);
+    }
+    return ctrl;
+}
+
 // A command connection that cannot be opened means wpa_supplicant is gone:
 // the worker ends itself and its supervisor restarts it.
 static bool wpacm_open_command_connection(wpacm_loop_state* loop) {
     if (loop->command_ctrl != nullptr) {
         return true;
     }
-    loop->command_ctrl = wpa_ctrl_open(loop->data->wpa_socket_file.c_str());
+    loop->command_ctrl = wpacm_open_ctrl(loop->data->wpa_socket_file.c_str());
     if (loop->command_ctrl == nullptr) {
         WPACM_LOG_AS(wpacm_service, LOG_Error, "Can't connect to wpa_supplicant, socket file:%s",
                      loop->data->wpa_socket_file.c_str());
@@ -33,7 +44,7 @@ static void wpacm_close_command_connection(wpacm_loop_state* loop) {
 
 static bool wpacm_open_event_connection(wpacm_loop_state* loop) {
     const char* socket_file = loop->data->wpa_socket_file.c_str();
-    loop->event_ctrl = wpa_ctrl_open(socket_file);
+    loop->event_ctrl = wpacm_open_ctrl(socket_file);
     if (loop->event_ctrl == nullptr) {
         WPACM_LOG_AS(wpacm_service, LOG_Error,
                      "Can't connect to wpa_supplicant for monitor event by wpa_ctrl_open(), socket "

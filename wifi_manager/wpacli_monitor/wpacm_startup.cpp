@@ -17,8 +17,8 @@
 
 #define WPACM_SHORT_REPLY_SIZE 256
 // The marker says only that the station is connected; scripts of any user
-// may look at it.
-#define WPACM_MARKER_FILE_MODE 0666
+// may look at it, none but the daemon write it, whatever the umask.
+#define WPACM_MARKER_FILE_MODE 0644
 
 // The signal goes to the calling thread itself, which is at a known point
 // (no lock of its own held, not inside the allocator); sent to the process,
@@ -67,7 +67,7 @@ static bool wpacm_wait_for_callers(wpacli_monitor_data* data) {
 // plain directory form of ctrl_interface is understood.
 static std::string wpacm_read_ctrl_interface(const std::string& config_file) {
     CSimpleIniA ini;
-    FILE* fp = fopen(config_file.c_str(), "rb");
+    FILE* fp = fopen(config_file.c_str(), "rbe");
     if (fp != nullptr) {
         ini.LoadFile(fp);
         fclose(fp);
@@ -213,6 +213,7 @@ int touch_file(const char* path) {
     if (fd < 0) {
         return -1;
     }
+    fchmod(fd, WPACM_MARKER_FILE_MODE);
     close(fd);
     return 0;
 }

@@ -216,7 +216,7 @@ std::string wpacm_wps_pin_from_value(uint32_t value) {
 std::string wpacm_get_wps_pin(void* monitor_data) {
     (void)monitor_data;
     uint32_t value = 0;
-    FILE* fp = fopen(WIFIM_URANDOM_FILE, "rb");
+    FILE* fp = fopen(WIFIM_URANDOM_FILE, "rbe");
     if (fp != nullptr) {
         if (fread(&value, sizeof(value), 1, fp) != 1) {
             value = 0;
