@@ -9,6 +9,7 @@
 
 #include "service_funs/service_funs.h"
 #include "test_support.h"
+#include "in_process_controller.h"
 #include "wpa_peer.h"
 #include "wpacli_monitor/wpacm_internal.h"
 
@@ -29,27 +30,11 @@ class ConnectionCommands : public ::testing::Test {
     void SetUp() override {
         wifim_test::install_recording_scripts();
         wifim_test::write_file("/www/nvram.wifista", kProfiles);
-        ASSERT_TRUE(wifim_test::start_simulator(&sim, kWorld));
-        data = static_cast<wpacli_monitor_data*>(wpacm_init(sim.config, "wlan0", 10));
-        ASSERT_NE(data, nullptr);
-        ASSERT_EQ(pipe(g_ping_pipe_fd), 0);
-        fcntl(g_ping_pipe_fd[1], F_SETFL, O_NONBLOCK);
+        ASSERT_TRUE(wifim_test::start_controller(&sim, &data, kWorld));
         loop = std::thread([this] { wpacm_service(data); });
         before = wifim_test::read_file("/www/nvram.wifista");
     }
-    void TearDown() override {
-        if (data != nullptr) {
-            data->stop_service = true;
-        }
-        if (loop.joinable()) {
-            loop.join();
-        }
-        wpacm_close(data);
-        wifim_test::stop_wpa_peer(&sim);
-        close(g_ping_pipe_fd[0]);
-        close(g_ping_pipe_fd[1]);
-        g_ping_pipe_fd[0] = g_ping_pipe_fd[1] = -1;
-    }
+    void TearDown() override { wifim_test::stop_controller(&sim, &data, &loop); }
     std::string call(service_function handler, const std::string& request) {
         CSimpleIniA ini;
         ini.LoadData(request.c_str(), request.size());

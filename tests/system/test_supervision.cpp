@@ -9,21 +9,12 @@
 #include <regex>
 #include <thread>
 
+#include "supervised_home.h"
 #include "test_support.h"
 #include "wifi_manager/wifi_manager.h"
 #include "wpa_peer.h"
 
 using wifim_test::log_lines_with;
-
-static const char* kWorld =
-    "scan_delay_ms 50\n"
-    "connect_delay_ms 30\n"
-    "ap 00:11:22:33:44:55 2437 -50 [WPA2-PSK-CCMP][ESS] key=secret123 wps=- ssid=home\n";
-static const char* kProfile =
-    "wifi_station_enable = true\nwifi_dhcp = 0\nwifi_dns_dhcp = 0\nwifi_ip = 10.1.1.2\n"
-    "wifi_gateway = 10.1.1.1\nwifi_netmask = 255.255.255.0\nwifi_dns1 = 1.1.1.1\n"
-    "wifi_dns2 = 8.8.8.8\nssid_1 = home\nsecurity_1 = wpa2\npasswd_1 = secret123\n"
-    "passwd_encode_1 = ascii\npriority_1 = 1\n";
 
 TEST(Supervisor, PingIsClampedToTenToOneHundredFifty) {
     EXPECT_EQ(wifim_clamp_ping(5), 10);
@@ -104,12 +95,7 @@ class Faults : public ::testing::Test {
         }
         wifim_test::stop_wpa_peer(&peer);
     }
-    pid_t worker() {
-        std::string children =
-            wifim_test::read_file("/proc/" + std::to_string(daemon.pid) + "/task/" +
-                                  std::to_string(daemon.pid) + "/children");
-        return children.empty() ? -1 : static_cast<pid_t>(std::stoi(children));
-    }
+    pid_t worker() { return worker_of(daemon.pid); }
     // The worker's illegal-signal handler has logged its end.
     static bool worker_ended_itself() {
         return !log_lines_with(

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "test_support.h"
+#include "in_process_controller.h"
 #include "wpa_peer.h"
 #include "wpacli_monitor/wpacm_internal.h"
 
@@ -68,11 +69,7 @@ class ServiceLoop : public ::testing::Test {
         if (!profile.empty()) {
             wifim_test::write_file("/www/nvram.wifista", profile);
         }
-        ASSERT_TRUE(wifim_test::start_simulator(&sim, world));
-        data = static_cast<wpacli_monitor_data*>(wpacm_init(sim.config, "wlan0", 10));
-        ASSERT_NE(data, nullptr);
-        ASSERT_EQ(pipe(g_ping_pipe_fd), 0);
-        fcntl(g_ping_pipe_fd[1], F_SETFL, O_NONBLOCK);
+        ASSERT_TRUE(wifim_test::start_controller(&sim, &data, world));
         if (run_loop) {
             loop = std::thread([this] { wpacm_service(data); });
             // The loop is up once it has attached and asked for a scan.
@@ -80,19 +77,7 @@ class ServiceLoop : public ::testing::Test {
             usleep(300000);
         }
     }
-    void TearDown() override {
-        if (data != nullptr) {
-            data->stop_service = true;
-        }
-        if (loop.joinable()) {
-            loop.join();
-        }
-        wpacm_close(data);
-        wifim_test::stop_wpa_peer(&sim);
-        close(g_ping_pipe_fd[0]);
-        close(g_ping_pipe_fd[1]);
-        g_ping_pipe_fd[0] = g_ping_pipe_fd[1] = -1;
-    }
+    void TearDown() override { wifim_test::stop_controller(&sim, &data, &loop); }
     int connect(wifi_ap_info a) {
         wifim_test::clear_sim_commands();
         return wpacm_connect_to_ap(data, &a);
