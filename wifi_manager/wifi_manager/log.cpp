@@ -204,24 +204,14 @@ static bool wifim_append_line(const char* filename, const char* msg, long file_m
 // The threads of one process take turns on the log through a mutex of its
 // own, so they wait for each other without sleeping; the file lock, with its
 // paced attempts, is left to the two processes that share the file (the
-// supervisor and the worker). A thread that still has no turn after this
-// long drops its line rather than wait for ever: a fault inside a log write
-// would otherwise hold up the fault handler, which logs too, for good.
-#define WIFIM_LOG_TURN_WAIT_MS 2000
-
-static pthread_mutex_t g_wifim_log_mutex = PTHREAD_MUTEX_INITIALIZER;
-
-static bool wifim_take_log_turn() {
-    struct timespec deadline;
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += WIFIM_LOG_TURN_WAIT_MS / 1000;
-    return pthread_mutex_clocklock(&g_wifim_log_mutex, CLOCK_MONOTONIC, &deadline) == 0;
-}
+// supervisor and the worker). The mutex is recursive: a fault raised inside
+// a log write runs its handler, which logs too, on the same thread, and that
+// handler must get its turn rather than wait for ever on its own thread.
+// (The other signals whose handlers log are held back during a write.)
+static pthread_mutex_t g_wifim_log_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 static bool wifim_append_line_in_turn(const char* filename, const char* msg, long file_max_size) {
-    if (!wifim_take_log_turn()) {
-        return false;
-    }
+    pthread_mutex_lock(&g_wifim_log_mutex);
     bool written = wifim_append_line(filename, msg, file_max_size);
     pthread_mutex_unlock(&g_wifim_log_mutex);
     return written;
