@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -226,6 +227,10 @@ static pid_t start_supervisor_stand_in(pid_t* worker, void (*body)()) {
             pause();
             _exit(0);
         }
+        // As the daemon's main does: the handlers log, and the first log
+        // line of a process loads the time zone, which must not happen
+        // inside a handler.
+        tzset();
         wifim_install_signal_handlers();
         pid_t child = g_child_pid;
         ssize_t ignored = write(ready[1], &child, sizeof(child));
